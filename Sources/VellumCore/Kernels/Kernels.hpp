@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+
+// Stateless loops over samples: the only place that knows the CPU.
+//
+// One source of loops is compiled once per instruction set and picked at run time. Every version does the
+// same operations in the same order, without fused multiply-add, so two machines agree to the last bit:
+// a reduction runs in `laneCount` partial results (element i goes to lane i mod laneCount), and the lanes
+// are folded by halves (lane k with lane k + half, until one is left).
+//
+// Arrays need no alignment. Counts of 0 or less do nothing and reduce to 0. In-place use (out == in) is
+// allowed where an output is element by element.
+
+namespace vellum {
+
+constexpr std::int64_t laneCount = 16;
+
+// Coefficients b0, b1, b2, a1, a2 of the two K-weighting sections (ITU-R BS.1770-5, Annex 1).
+// The second section's numerator is 1, -2, 1 by definition and is not stored.
+struct KWeightingCoefficients {
+  double b0, b1, b2, a1, a2;  // high shelf
+  double c1, c2;              // high pass: denominator
+};
+
+// One channel's filter memory, newest first: input, output of the shelf, output of the high pass.
+struct KWeightingState {
+  double x1 = 0, x2 = 0, v1 = 0, v2 = 0, y1 = 0, y2 = 0;
+};
+
+// The 4x polyphase filter in the form that its symmetry allows. Phase 3 is phase 1 reversed over 12 taps and
+// phase 2 is symmetric, so with s_j = w_j + w_(11-j) and d_j = w_j - w_(11-j), j < 6:
+//   phase 1 = E + O, phase 3 = E - O with E = sum even_j s_j, O = sum odd_j d_j; phase 2 = sum middle_j s_j.
+// The larger of |phase 1| and |phase 3| is then |E| + |O|. Phase 0 is the sample itself, w_6.
+struct PolyphaseFolds {
+  float even[6], odd[6], middle[6];
+};
+
+struct KernelTable {
+  const char* name;  // "baseline", "avx2"
+
+  float (*sum)(const float* x, std::int64_t n);            // 32-bit lanes
+  double (*sumOfSquares)(const float* x, std::int64_t n);  // squares and lanes in 64 bit
+  float (*peakMagnitude)(const float* x, std::int64_t n);  // largest |x|; a NaN loses every comparison
+  std::int64_t (*nonFiniteCount)(const float* x, std::int64_t n);
+
+  void (*add)(float* accumulator, const float* x, std::int64_t n);  // accumulator += x
+  void (*scale)(float* x, float factor, std::int64_t n);            // x *= factor
+  void (*multiply)(const float* a, const float* b, float* out, std::int64_t n);
+  void (*power)(const float* re, const float* im, float* out, std::int64_t n);  // re^2 + im^2
+
+  // K-weights n samples of each of `channelCount` channels in 64 bit, moving each channel's state on, and
+  // sets energies[c] to the sum of squares of channel c's weighted samples. Channels do not mix: the figures
+  // of one are the same whatever stands beside it.
+  void (*kWeightedEnergy)(const KWeightingCoefficients& coefficients, KWeightingState* const* states,
+                          const float* const* inputs, double* energies, std::int64_t channelCount,
+                          std::int64_t n);
+
+  // Largest 4x-oversampled magnitude around each of n samples: peaks[i] from work[i .. i + 11], which must
+  // therefore hold n + 11 values; a NaN loses every comparison. `peaks` may be null. Returns the largest.
+  float (*oversampledPeaks)(const PolyphaseFolds& folds, const float* work, float* peaks, std::int64_t n);
+};
+
+// The fastest table that this CPU runs. Chosen once.
+const KernelTable& kernels();
+
+// Every table that this CPU runs, baseline first: for tests and benchmarks.
+struct KernelTables {
+  const KernelTable* tables[2];
+  int count;
+};
+KernelTables runnableKernels();
+
+}  // namespace vellum

@@ -1,0 +1,8 @@
+#include "VellumCore/Kernels/KernelLoops.hpp"
+
+namespace vellum {
+
+extern const KernelTable avx2Kernels;
+const KernelTable avx2Kernels = tableNamed("avx2");
+
+}  // namespace vellum

@@ -1,0 +1,8 @@
+#include "VellumCore/Kernels/KernelLoops.hpp"
+
+namespace vellum {
+
+extern const KernelTable baselineKernels;
+const KernelTable baselineKernels = tableNamed("baseline");
+
+}  // namespace vellum
