@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace vellum {
+
+// How PCM audio lies in memory. Planar audio has one buffer per channel, interleaved audio one in all.
+struct AudioFormat {
+  double sampleRate;  // Hz
+  std::uint32_t channelCount;
+  bool isInterleaved;
+  std::uint32_t bytesPerFrame;  // of one buffer
+
+  // 32-bit float samples, one buffer per channel.
+  static AudioFormat planarFloat(double sampleRate, std::uint32_t channelCount) {
+    return {sampleRate, channelCount, false, sizeof(float)};
+  }
+
+  std::int64_t bufferCount() const { return isInterleaved ? 1 : channelCount; }
+  friend bool operator==(const AudioFormat&, const AudioFormat&) = default;
+};
+
+// PCM audio of one format in zeroed memory. Its buffers may exceed 4 GiB together, not one by one.
+class PCMBuffer {
+ public:
+  struct Buffer {
+    std::uint32_t channelCount;  // in this buffer
+    std::uint32_t byteSize;
+    struct Free {
+      void operator()(void* memory) const;
+    };
+    std::unique_ptr<void, Free> data;
+  };
+
+  PCMBuffer(const AudioFormat& format, std::vector<Buffer> buffers)
+      : format_(format), buffers_(std::move(buffers)) {}
+
+  const AudioFormat& format() const { return format_; }
+  std::span<const Buffer> buffers() const { return buffers_; }
+  // The samples of one buffer, as 32-bit floats.
+  std::span<float> floats(std::size_t buffer);
+  std::span<const float> floats(std::size_t buffer) const;
+
+ private:
+  AudioFormat format_;
+  std::vector<Buffer> buffers_;
+};
+
+// Whether a PCM buffer of a given length can be made, and making it. Sizes follow the audio buffer with a
+// 32-bit byte count that most platforms share.
+namespace PCMBufferAllocation {
+
+// Largest byte count of one buffer that callers plan with: a setting of theirs, which no operation here
+// reads. The arithmetic below always uses 4,294,967,295.
+extern std::int64_t maxBytesPerBuffer;
+
+// frames x bytes per frame x buffers. A product beyond 64 bits stops the program.
+std::int64_t totalBytes(const AudioFormat& format, std::int64_t frames);
+
+// Whether 1 to 4,294,967,295 frames of the format fit buffers of 4,294,967,295 bytes.
+bool canAllocate(const AudioFormat& format, std::int64_t frames);
+
+// Whether 1 to 2^30 - 1 frames of planar 32-bit float audio can be held, for one channel or more.
+bool canAllocateFloat32(std::int64_t frames, std::int64_t channelCount);
+
+// A zeroed buffer of frameCapacity frames; absent for 0 frames, a buffer above 4,294,967,295 bytes, or
+// when memory is exhausted.
+std::optional<PCMBuffer> make(const AudioFormat& format, std::uint32_t frameCapacity);
+
+// A zeroed buffer list of a caller's own count and size, without make()'s limits on the whole. Absent when
+// memory is exhausted; a bytesPerBuffer that is negative or above 32 bits stops the program.
+std::optional<PCMBuffer> makeUnbounded(const AudioFormat& format, std::int64_t bufferCount,
+                                       std::int64_t bytesPerBuffer);
+
+}  // namespace PCMBufferAllocation
+}  // namespace vellum
