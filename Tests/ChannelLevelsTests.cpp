@@ -72,6 +72,8 @@ TEST(ChannelLevels, SamplesThatAreNotFiniteAreCountedAndLeaveNoRMS) {
   EXPECT_EQ(levels.samplePeakDBFS(), infinity);
   EXPECT_EQ(levels.rmsDBFS(0), -infinity);
   EXPECT_NEAR(levels.rmsDBFS(1), -9.01, 0.01);
+  levels.add(audio.pointers(), audio.frameCount());
+  EXPECT_EQ(levels.nonFiniteSamples(), 6);
 }
 
 TEST(ChannelLevels, LargestSamplesAreFinite) {

@@ -761,25 +761,38 @@ TEST(LoudnessProcessor, NaNOnAChannelOfWeightZeroEmptiesTheWindowsToo) {
   EXPECT_TRUE(std::isfinite(meter.speechGatedNoiseFloorDBRMS()));
 }
 
-TEST(LoudnessProcessor, InfiniteBlockPowerEntersNoGateRangeOrNoiseFloor) {
-  LoudnessProcessor meter = meterFor(2, 48000, std::nullopt, std::vector<bool>(100, false));
+TEST(LoudnessProcessor, InfiniteBlockPowerEntersNoGateAndNoRange) {
+  LoudnessProcessor meter = meterFor(2, 48000, std::nullopt, std::vector<bool>(40, true));
   meter.setCollectHistory(true);
   feed(meter, tone(-20, 40));
   const double integrated = meter.integratedLUFS();
-  const float floor = meter.speechGatedNoiseFloorDBRMS();
-  // Finite samples whose K-weighted mean square exceeds 32 bits, cancelling out in the mono mix.
-  Audio huge(2, 4800);
-  for (std::size_t n = 0; n < 4800; ++n) {
-    huge.channels[0][n] = n % 96 < 48 ? 1e30f : -1e30f;
-    huge.channels[1][n] = -huge.channels[0][n];
-  }
+  const std::int64_t rangeValues = meter.shortTermLUFSHistory().count();
+  const float share = meter.speechPercentage();
+  Audio huge(2, 4800);  // finite samples whose K-weighted mean square exceeds 32 bits
+  for (auto& channel : huge.channels)
+    for (std::size_t n = 0; n < 4800; ++n) channel[n] = n % 96 < 48 ? 1e30f : -1e30f;
   feed(meter, huge);
   EXPECT_EQ(meter.blockPowerHistory().back(), std::numeric_limits<double>::infinity());
   EXPECT_EQ(meter.momentaryLUFS(), -infinity);
   EXPECT_EQ(meter.shortTermLUFS(), -infinity);
   EXPECT_EQ(meter.integratedLUFS(), integrated);
-  EXPECT_EQ(meter.speechGatedNoiseFloorDBRMS(), floor);
+  EXPECT_EQ(meter.shortTermLUFSHistory().count(), rangeValues);
+  EXPECT_EQ(meter.speechPercentage(), share);
   EXPECT_NEAR(meter.truePeakDB(), 600, 3);
+}
+
+TEST(LoudnessProcessor, InfiniteBlockPowerStaysOutOfTheNoiseFloorEvenWhereTheMonoMixIsFinite) {
+  LoudnessProcessor meter = meterFor(2, 48000, std::nullopt, std::vector<bool>(10, false));
+  feed(meter, tone(-40, 5));
+  const float floor = meter.speechGatedNoiseFloorDBRMS();
+  Audio audio = tone(-6, 1);  // of six blocks the floor would read the loudest
+  for (std::size_t n = 0; n < 2400; ++n) {
+    audio.channels[0][n] = n % 96 < 48 ? 1e30f : -1e30f;
+    audio.channels[1][n] = -audio.channels[0][n];
+  }
+  feed(meter, audio);
+  ASSERT_EQ(meter.momentaryLUFS(), -infinity);
+  EXPECT_EQ(meter.speechGatedNoiseFloorDBRMS(), floor);
 }
 
 TEST(LoudnessProcessor, InfinitePeakReadsPlusInfinityAndLaterBlocksAreFinite) {
