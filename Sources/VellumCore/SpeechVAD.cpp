@@ -120,9 +120,15 @@ bool SpeechVAD::spectralFlatnessPasses() const {
   const std::int64_t count = bins_.speechBinCount();
   if (count < flatnessMinBins) return false;
   const float arithmetic = speechBandPower() / static_cast<float>(count);
+  // The logarithm of a product of four: a quarter of the logarithms. Four powers of 1e-20 to 3e38 stay well
+  // inside 64 bits.
   float logSum = 0;
-  for (std::int64_t k = bins_.binSpeechStart; k < bins_.binSpeechEnd; ++k)
-    logSum += std::log10(std::max(magSq_[static_cast<std::size_t>(k)], powerFloor));
+  for (std::int64_t k = bins_.binSpeechStart; k < bins_.binSpeechEnd;) {
+    double product = 1;
+    for (const std::int64_t end = std::min(k + 4, bins_.binSpeechEnd); k < end; ++k)
+      product *= static_cast<double>(std::max(magSq_[static_cast<std::size_t>(k)], powerFloor));
+    logSum += static_cast<float>(std::log10(product));
+  }
   const float geometric = logSum / static_cast<float>(count);
   const float flatnessDB = 10.0f * (geometric - std::log10(std::max(arithmetic, powerFloor)));
   return flatnessDB < flatnessCeilingDB;

@@ -2,7 +2,8 @@
 
 // The loops behind every kernel table; see Kernels.hpp for the contract. Included by exactly one source per
 // instruction set. Everything here has internal linkage and nothing of the standard library is instantiated:
-// code compiled for a newer CPU must never be picked by the linker for an older one.
+// code compiled for a newer CPU must never be picked by the linker for an older one. The including source
+// defines VELLUM_VECTOR_BYTES.
 
 #include "VellumCore/Kernels/Kernels.hpp"
 
@@ -17,6 +18,33 @@ inline float magnitude(float x) {
   return __builtin_fabsf(x);
 }
 
+// The widest floats of this instruction set, for loops in which every element goes its own way: their results
+// do not depend on the width. Reductions use lane arrays instead, whose order is part of the contract.
+constexpr int vectorBytes = VELLUM_VECTOR_BYTES;
+constexpr int vectorWidth = vectorBytes / static_cast<int>(sizeof(float));
+typedef float Vector __attribute__((vector_size(vectorBytes)));
+typedef std::int32_t VectorBits __attribute__((vector_size(vectorBytes)));
+
+inline Vector load(const float* x) {
+  Vector v;
+  __builtin_memcpy(&v, x, sizeof v);
+  return v;
+}
+inline void store(float* x, Vector v) {
+  __builtin_memcpy(x, &v, sizeof v);
+}
+inline Vector greater(Vector best, Vector candidate) {
+  return candidate > best ? candidate : best;
+}
+inline Vector magnitude(Vector v) {
+  return (Vector)((VectorBits)v & 0x7fffffff);
+}
+inline float greatestOf(Vector v) {
+  float best = 0;
+  for (int k = 0; k < vectorWidth; ++k) best = greater(best, v[k]);
+  return best;
+}
+
 template <typename Value>
 inline Value foldSum(const Value (&lanes)[laneCount]) {
   Value folded[laneCount];
@@ -24,12 +52,6 @@ inline Value foldSum(const Value (&lanes)[laneCount]) {
   for (std::int64_t half = laneCount / 2; half > 0; half /= 2)
     for (std::int64_t k = 0; k < half; ++k) folded[k] += folded[k + half];
   return folded[0];
-}
-
-inline float foldGreatest(const float (&lanes)[laneCount]) {
-  float best = 0;
-  for (float lane : lanes) best = greater(best, lane);
-  return best;
 }
 
 float sum(const float* x, std::int64_t n) {
@@ -57,12 +79,15 @@ double sumOfSquares(const float* x, std::int64_t n) {
 }
 
 float peakMagnitude(const float* x, std::int64_t n) {
-  float lanes[laneCount] = {};
+  Vector peaks[2] = {};  // two: one would wait for itself at every comparison
   std::int64_t i = 0;
-  for (; i + laneCount <= n; i += laneCount)
-    for (int k = 0; k < laneCount; ++k) lanes[k] = greater(lanes[k], magnitude(x[i + k]));
-  for (; i < n; ++i) lanes[0] = greater(lanes[0], magnitude(x[i]));
-  return foldGreatest(lanes);
+  for (; i + 2 * vectorWidth <= n; i += 2 * vectorWidth) {
+    peaks[0] = greater(peaks[0], magnitude(load(x + i)));
+    peaks[1] = greater(peaks[1], magnitude(load(x + i + vectorWidth)));
+  }
+  float peak = greatestOf(greater(peaks[0], peaks[1]));
+  for (; i < n; ++i) peak = greater(peak, magnitude(x[i]));
+  return peak;
 }
 
 std::int64_t nonFiniteCount(const float* x, std::int64_t n) {
@@ -158,37 +183,50 @@ void kWeightedEnergy(const KWeightingCoefficients& coefficients, KWeightingState
 
 // --- True peak -------------------------------------------------------------------------------------------
 
-inline float oversampledPeak(const PolyphaseFolds& f, const float* w) {
-  float even = 0, odd = 0, middle = 0;
+// The largest magnitude of the four phases at one position, or at the positions of one vector.
+template <typename Value, Value (*at)(const float*)>
+inline Value oversampledPeak(const PolyphaseFolds& f, const float* w) {
+  Value even{}, odd{}, middle{};
   for (int j = 0; j < 6; ++j) {
-    const float s = w[j] + w[11 - j];
-    const float d = w[j] - w[11 - j];
+    const Value tap = at(w + j), mirrored = at(w + 11 - j);
+    const Value s = tap + mirrored;
+    const Value d = tap - mirrored;
     even += f.even[j] * s;
     odd += f.odd[j] * d;
     middle += f.middle[j] * s;
   }
-  float peak = greater(0.0f, magnitude(w[6]));
+  Value peak = greater(Value{}, magnitude(at(w + 6)));
   peak = greater(peak, magnitude(even) + magnitude(odd));
   return greater(peak, magnitude(middle));
 }
 
-float oversampledPeaks(const PolyphaseFolds& folds, const float* work, float* peaks, std::int64_t n) {
+inline float single(const float* x) {
+  return *x;
+}
+
+template <bool keepsPeaks>
+inline float oversampledPeaksOf(const PolyphaseFolds& folds, const float* work, float* peaks,
+                                std::int64_t n) {
   const PolyphaseFolds f = folds;
-  float lanes[laneCount] = {};
+  Vector largest{};
   std::int64_t i = 0;
-  for (; i + laneCount <= n; i += laneCount) {
-    float block[laneCount];
-    for (int k = 0; k < laneCount; ++k) block[k] = oversampledPeak(f, work + i + k);
-    for (int k = 0; k < laneCount; ++k) lanes[k] = greater(lanes[k], block[k]);
-    if (peaks)
-      for (int k = 0; k < laneCount; ++k) peaks[i + k] = block[k];
+  for (; i + vectorWidth <= n; i += vectorWidth) {
+    const Vector peak = oversampledPeak<Vector, load>(f, work + i);
+    largest = greater(largest, peak);
+    if (keepsPeaks) store(peaks + i, peak);
   }
+  float best = greatestOf(largest);
   for (; i < n; ++i) {
-    const float peak = oversampledPeak(f, work + i);
-    lanes[0] = greater(lanes[0], peak);
-    if (peaks) peaks[i] = peak;
+    const float peak = oversampledPeak<float, single>(f, work + i);
+    best = greater(best, peak);
+    if (keepsPeaks) peaks[i] = peak;
   }
-  return foldGreatest(lanes);
+  return best;
+}
+
+float oversampledPeaks(const PolyphaseFolds& folds, const float* work, float* peaks, std::int64_t n) {
+  return peaks ? oversampledPeaksOf<true>(folds, work, peaks, n)
+               : oversampledPeaksOf<false>(folds, work, peaks, n);
 }
 
 constexpr KernelTable tableNamed(const char* name) {

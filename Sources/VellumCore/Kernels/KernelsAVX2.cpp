@@ -1,3 +1,4 @@
+#define VELLUM_VECTOR_BYTES 32
 #include "VellumCore/Kernels/KernelLoops.hpp"
 
 namespace vellum {

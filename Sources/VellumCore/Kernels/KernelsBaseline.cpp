@@ -1,3 +1,4 @@
+#define VELLUM_VECTOR_BYTES 16
 #include "VellumCore/Kernels/KernelLoops.hpp"
 
 namespace vellum {
