@@ -61,6 +61,11 @@ inline Audio sineAudio(std::size_t channelCount, double sampleRate, double secon
   return audio;
 }
 
+// A number in [low, high), the same for a seed on every machine.
+inline double uniform(std::mt19937& rng, double low, double high) {
+  return low + (high - low) * static_cast<double>(rng()) / 4294967296.0;
+}
+
 // Uniform white noise in [-amplitude, amplitude), the same for a seed on every machine.
 inline std::vector<float> noise(std::mt19937& rng, std::int64_t frameCount, double amplitude) {
   std::vector<float> samples(static_cast<std::size_t>(frameCount));
