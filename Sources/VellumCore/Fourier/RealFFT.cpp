@@ -14,7 +14,7 @@ namespace {
 // One direction of the library's transform.
 struct Direction {
   struct Release {
-    void operator()(kiss_fftr_cfg config) const { kiss_fftr_free(config); }
+    void operator()(kiss_fftr_cfg plan) const { kiss_fftr_free(plan); }
   };
   std::unique_ptr<kiss_fftr_state, Release> config;
 
