@@ -12,7 +12,8 @@ namespace vellum {
 //   -0.691  cancels the K-weighting's gain at 997 Hz (ITU-R BS.1770-5)
 double loudnessOfPower(double power);
 
-constexpr double absoluteThreshold = 1.1724653045822981e-07;  // 10^((-70 + 0.691)/10): -70 LUFS as block power
+// 10^((-70 + 0.691)/10): -70 LUFS as block power.
+constexpr double absoluteThreshold = 1.1724653045822981e-07;
 
 // The absolute gate: a block at or below it never counts, nor does one whose power is not finite.
 constexpr bool passesAbsoluteGate(double power, double threshold = absoluteThreshold) {
