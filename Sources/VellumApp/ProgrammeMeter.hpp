@@ -25,7 +25,7 @@ struct ProgrammeFigures {
   std::optional<double> maxShortTermAtSec;  // end of that window
   float loudnessRange;                      // LU
   float truePeakDBTP;
-  std::optional<double> truePeakAtSec;  // start of the 100 ms block that holds it
+  std::optional<double> truePeakAtSec;  // start of the 100 ms block in which it is seen
   std::vector<float> channelTruePeakDBTP;
   float samplePeakDBFS;
   float rmsDBFS;  // mean power of the channels that are not silent

@@ -14,7 +14,7 @@ namespace vellum::DRProcessor {
 // and 3 seconds; add() allocates nothing else.
 class BlockMeter {
  public:
-  // sampleRate > 0, channelCount >= 0.
+  // sampleRate above 0 and at most 1e15, channelCount >= 0.
   BlockMeter(double sampleRate, std::int64_t channelCount);
 
   // One pointer per channel; any chunk length, 0 included. A null channel counts as silence.

@@ -5,12 +5,15 @@
 #include <numeric>
 #include <vector>
 
+#include "VellumCore/Support/Require.hpp"
+
 namespace vellum::GatedLoudness {
 
 namespace {
 
 std::vector<double> keptPowers(std::span<const double> blockPowers, const BlockPredicate& include,
                                const Settings& settings) {
+  VELLUM_REQUIRE(include, "GatedLoudness: include must be callable");
   std::vector<double> kept;
   for (std::size_t k = 0; k < blockPowers.size(); ++k) {
     const double power = blockPowers[k];

@@ -8,6 +8,6 @@ float dbToLinear(float dB);
 // Linear amplitude to dB, 20 log10(value). 0 and below is -infinity.
 float linearToDB(float value);
 
-// The two are not mirror images, on purpose: -200 dB becomes 0, and 0 becomes -infinity.
+// The two are not mirror images, on purpose: -200 dB becomes 0, and 0 becomes -infinity. A NaN stays one.
 
 }  // namespace vellum

@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 
 #include "VellumCore/Kernels/Kernels.hpp"
-#include "VellumCore/PolyphaseUpsampler4x.hpp"
 #include "VellumCore/Support/Require.hpp"
 
 namespace vellum {

@@ -3,12 +3,12 @@
 #include <array>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <span>
 #include <utility>
 #include <vector>
 
+#include "VellumCore/PolyphaseUpsampler4x.hpp"
 #include "VellumCore/SpeechVAD.hpp"
 #include "VellumCore/Support/OrderedStatistics.hpp"
 #include "VellumCore/TwoStageGate.hpp"
@@ -155,7 +155,8 @@ class LoudnessProcessor {
     std::vector<float> rows_;
   };
 
-  using TruePeakHistory = std::array<float, 13>;  // the last input samples of one channel
+  // The last input samples of one channel.
+  using TruePeakHistory = std::array<float, PolyphaseUpsampler4x::delayFrames>;
 
   void filterSegment(std::span<const float* const> channelData, std::int64_t offset, std::int64_t n);
   void accumulateMono(std::span<const float* const> channelData, std::int64_t offset, std::int64_t n);

@@ -1,6 +1,7 @@
 #include "VellumCore/PCMBufferAllocation.hpp"
 
 #include <cstdlib>
+#include <exception>
 #include <limits>
 
 #include "VellumCore/Support/Require.hpp"
@@ -79,8 +80,13 @@ std::optional<PCMBuffer> make(const AudioFormat& format, std::uint32_t frameCapa
 std::optional<PCMBuffer> makeUnbounded(const AudioFormat& format, std::int64_t bufferCount,
                                        std::int64_t bytesPerBuffer) {
   VELLUM_REQUIRE(bufferCount >= 0 && bytesPerBuffer >= 0 && bytesPerBuffer <= byteLimit,
-                 "PCMBufferAllocation: makeUnbounded takes buffers of 0 to 4,294,967,295 bytes");
+                 "PCMBufferAllocation: makeUnbounded takes 0 buffers or more, of 0 to 4,294,967,295 bytes");
   std::vector<PCMBuffer::Buffer> buffers;
+  try {
+    buffers.reserve(static_cast<std::size_t>(bufferCount));
+  } catch (const std::exception&) {  // length_error or bad_alloc: the list alone has no room
+    return std::nullopt;
+  }
   for (std::int64_t b = 0; b < bufferCount; ++b) {
     // One byte at least: an empty block may come back as a null pointer without being a failure.
     void* memory = std::calloc(bytesPerBuffer > 0 ? static_cast<std::size_t>(bytesPerBuffer) : 1, 1);

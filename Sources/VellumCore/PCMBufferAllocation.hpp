@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace vellum {
@@ -72,7 +73,7 @@ bool canAllocateFloat32(std::int64_t frames, std::int64_t channelCount);
 std::optional<PCMBuffer> make(const AudioFormat& format, std::uint32_t frameCapacity);
 
 // A zeroed buffer list of a caller's own count and size, without make()'s limits on the whole. Absent when
-// memory is exhausted; a bytesPerBuffer that is negative or above 32 bits stops the program.
+// memory is exhausted; a negative count or size, or a size above 32 bits, stops the program.
 std::optional<PCMBuffer> makeUnbounded(const AudioFormat& format, std::int64_t bufferCount,
                                        std::int64_t bytesPerBuffer);
 

@@ -26,7 +26,8 @@ constexpr std::int64_t lastBin = SpeechVAD::halfN - 1;
 
 std::int64_t binOf(double frequencyHz, double sampleRate) {
   const double bin = std::round(frequencyHz * static_cast<double>(SpeechVAD::fftN) / sampleRate);
-  VELLUM_REQUIRE(std::isfinite(bin), "SpeechVAD: sampleRate must be finite and above 0");
+  VELLUM_REQUIRE(sampleRate > 0 && std::isfinite(sampleRate) && std::isfinite(bin),
+                 "SpeechVAD: sampleRate must be finite and above 0");
   return static_cast<std::int64_t>(std::clamp(bin, 0.0, static_cast<double>(lastBin)));
 }
 

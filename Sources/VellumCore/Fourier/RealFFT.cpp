@@ -38,7 +38,7 @@ RealFFT::RealFFT(std::int64_t size) : size_(size) {
   VELLUM_REQUIRE(
       size >= 1 && size <= (std::int64_t{1} << 30) && std::has_single_bit(static_cast<std::uint64_t>(size)),
       "RealFFT: size must be a power of two from 1 to 2^30");
-  if (size > 1) plan_ = std::make_unique<Plan>(size);
+  if (size > 2) plan_ = std::make_unique<Plan>(size);
 }
 
 RealFFT::~RealFFT() = default;
@@ -50,8 +50,10 @@ void RealFFT::forward(std::span<const float> signal, std::span<float> re, std::s
   VELLUM_REQUIRE(signal.size() == static_cast<std::size_t>(size_) && re.size() == bins && im.size() == bins,
                  "RealFFT: forward takes N samples and gives N / 2 bins");
   if (!plan_) {
-    re[0] = signal[0];
-    im[0] = 0;
+    // One sample is its own spectrum, two are their sum and difference.
+    const float second = size_ == 2 ? signal[1] : 0.0f;
+    re[0] = signal[0] + second;
+    im[0] = size_ == 2 ? signal[0] - second : 0.0f;
     return;
   }
   kiss_fftr(plan_->forward.config.get(), signal.data(), plan_->bins.data());
@@ -67,7 +69,8 @@ void RealFFT::inverse(std::span<const float> re, std::span<const float> im, std:
   VELLUM_REQUIRE(signal.size() == static_cast<std::size_t>(size_) && re.size() == bins && im.size() == bins,
                  "RealFFT: inverse takes N / 2 bins and gives N samples");
   if (!plan_) {
-    signal[0] = re[0];
+    signal[0] = size_ == 2 ? re[0] + im[0] : re[0];
+    if (size_ == 2) signal[1] = re[0] - im[0];
     return;
   }
   for (std::size_t k = 0; k < bins; ++k) plan_->bins[k] = {re[k], im[k]};
