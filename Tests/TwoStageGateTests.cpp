@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <rapidcheck/gtest.h>
 
 namespace vellum {
 namespace {
@@ -85,6 +86,17 @@ TEST(TwoStageGate, EqualsGatingAllBlocksAnewAfterEachBlock) {
           1e-10);
     }
   }
+}
+
+// The order in which blocks arrive does not matter: the gate is taken from all of them.
+RC_GTEST_PROP(TwoStageGate, OrderOfBlocksDoesNotMatter, ()) {
+  const auto powers = *rc::gen::nonEmpty(rc::gen::container<std::vector<int>>(rc::gen::inRange(1, 100000)));
+  TwoStageGate forwards, backwards;
+  for (auto power = powers.begin(); power != powers.end(); ++power) forwards.admit(*power);
+  for (auto power = powers.rbegin(); power != powers.rend(); ++power) backwards.admit(*power);
+  RC_ASSERT(forwards.relativePassCount() == backwards.relativePassCount());
+  RC_ASSERT(forwards.relativePassSum() == backwards.relativePassSum());  // whole numbers: sums are exact
+  RC_ASSERT(forwards.loudnessLUFS() == backwards.loudnessLUFS());
 }
 
 }  // namespace

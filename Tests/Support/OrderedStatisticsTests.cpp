@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <rapidcheck/gtest.h>
 
 namespace vellum {
 namespace {
@@ -127,6 +128,35 @@ TYPED_TEST(OrderedStatisticsOf, RankOutOfRangeAndNaNStopTheProgram) {
   EXPECT_DEATH((void)statistics.valueAt(1), "rank out of range");
   EXPECT_DEATH((void)statistics.valueAt(-1), "rank out of range");
   EXPECT_DEATH(statistics.insert(std::numeric_limits<TypeParam>::quiet_NaN()), "must not be NaN");
+}
+
+// Shrinks to the shortest sequence of insertions and clearings that tells the two apart.
+RC_GTEST_PROP(OrderedStatistics, EqualsASortedVectorAfterAnySequenceOfOperations, ()) {
+  constexpr int clearing = -1;
+  const auto operations = *rc::gen::container<std::vector<int>>(
+      rc::gen::weightedElement<int>({{1, clearing}, {60, 0}, {60, 1}, {60, 2}, {60, 500}, {60, 999}}));
+  const auto threshold = static_cast<double>(*rc::gen::inRange(-1, 1001));
+  const int repeat = *rc::gen::inRange(1, 200);  // long enough to split leaves
+  OrderedStatistics<double> fast;
+  PlainStatistics<double> plain;
+  for (const int operation : operations) {
+    if (operation == clearing) {
+      fast.clear();
+      plain.values.clear();
+      continue;
+    }
+    for (int k = 0; k < repeat; ++k) {
+      const double value = operation + k % 3;
+      fast.insert(value);
+      plain.insert(value);
+    }
+  }
+  RC_ASSERT(fast.count() == static_cast<std::int64_t>(plain.values.size()));
+  RC_ASSERT(fast.tailAbove(threshold).firstRank == plain.firstAbove(threshold));
+  RC_ASSERT(fast.tailAbove(threshold).sum ==
+            static_cast<double>(plain.sumAbove(threshold)));  // whole numbers
+  for (std::size_t rank = 0; rank < plain.values.size(); ++rank)
+    RC_ASSERT(fast.valueAt(static_cast<std::int64_t>(rank)) == plain.values[rank]);
 }
 
 }  // namespace
