@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Support/AllocationCounter.hpp"
 #include "Support/Signals.hpp"
 
 namespace vellum {
@@ -90,6 +91,16 @@ TEST(ChannelLevels, WrongNumberOfPointersStopsTheProgram) {
   ChannelLevels levels(2);
   EXPECT_DEATH(levels.add(audio.pointers(), 10), "one pointer per channel");
   EXPECT_DEATH(ChannelLevels(-1), "must not be negative");
+}
+
+TEST(ChannelLevels, AddAllocatesNothing) {
+  if (!AllocationCounter::isAvailable) GTEST_SKIP() << "a sanitizer owns the allocator";
+  const Audio audio = sineAudio(2, 48000, 0.1, 1000, -20);
+  const auto pointers = audio.pointers();
+  ChannelLevels levels(2);
+  const AllocationCounter allocations;
+  levels.add(pointers, 4800);
+  EXPECT_EQ(allocations.count(), 0);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Support/AllocationCounter.hpp"
 #include "Support/Signals.hpp"
 
 namespace vellum {
@@ -371,6 +372,17 @@ TEST(DRProcessor, SamplesThatDoNotCountMayBeAnything) {
   const std::vector<float> raw = rawOf(audio, threeFrameBlocks);
   audio.channels[0].push_back(nan);
   EXPECT_EQ(rawOf(audio, threeFrameBlocks), raw);
+}
+
+TEST(DRProcessor, AddAllocatesOnlyTheGrowthOfItsBlockLists) {
+  if (!AllocationCounter::isAvailable) GTEST_SKIP() << "a sanitizer owns the allocator";
+  const Audio audio = sineAudio(2, 8000, 1, 1000, -20);
+  const auto pointers = audio.pointers();
+  BlockMeter meter(8000, 2);
+  const AllocationCounter allocations;
+  for (int second = 0; second < 3 * 1000; ++second) meter.add(pointers, 8000);
+  EXPECT_EQ(meter.channelDRsRaw().size(), 2u);
+  EXPECT_LT(allocations.count(), 100);  // 1,000 blocks: four lists that double, and the reading
 }
 
 }  // namespace

@@ -64,14 +64,15 @@ TEST(GatedLoudness, GatesStandAtMinus70LUFSAndMinus10LU) {
 TEST(GatedLoudness, NothingAboveTheAbsoluteGateIsMinusInfinity) {
   EXPECT_EQ(loudnessOf({}), -infinity);
   EXPECT_EQ(gatedBlockCount({}, everyBlock), 0);
-  const std::vector<double> quiet = {0.0, 1e-9, absoluteThreshold, 1e-7, -1.0};
+  const std::vector<double> quiet = {0.0, 1e-9, TwoStageGate::absoluteThreshold, 1e-7, -1.0};
   EXPECT_EQ(loudnessOf(quiet), -infinity);
   EXPECT_EQ(gatedBlockCount(quiet, everyBlock), 0);
 }
 
 TEST(GatedLoudness, BlockExactlyAtTheAbsoluteGateIsNotCounted) {
-  const double justAbove = std::nextafter(absoluteThreshold, 1.0);
-  const std::vector<double> powers = {absoluteThreshold, justAbove, absoluteThreshold};
+  const double justAbove = std::nextafter(TwoStageGate::absoluteThreshold, 1.0);
+  const std::vector<double> powers = {TwoStageGate::absoluteThreshold, justAbove,
+                                      TwoStageGate::absoluteThreshold};
   EXPECT_EQ(gatedBlockCount(powers, everyBlock), 1);
   EXPECT_NEAR(loudnessOf(powers), -70.0, 1e-9);
 }
@@ -89,7 +90,7 @@ TEST(GatedLoudness, CountKnowsNoRelativeGate) {
 }
 
 TEST(GatedLoudness, PredicateIsAskedOnceInOrderAboutBlocksAboveTheGateOnly) {
-  const std::vector<double> powers = {0.5, 0.0, absoluteThreshold, 0.25, infinity, nan, 1e-3};
+  const std::vector<double> powers = {0.5, 0.0, TwoStageGate::absoluteThreshold, 0.25, infinity, nan, 1e-3};
   std::vector<std::int64_t> asked;
   const auto note = [&](std::int64_t index) {
     asked.push_back(index);
@@ -161,7 +162,8 @@ TEST(GatedLoudness, OtherGatesAreTaken) {
 // A factor of 1 puts the gate onto the mean itself, which equal blocks do not exceed.
 TEST(GatedLoudness, NothingAboveTheRelativeGateIsMinusInfinity) {
   const std::vector<double> equal(8, 0.25);
-  const GatedLoudness::Settings settings{.absoluteGatePower = absoluteThreshold, .relativeGateFactor = 1.0};
+  const GatedLoudness::Settings settings{.absoluteGatePower = TwoStageGate::absoluteThreshold,
+                                         .relativeGateFactor = 1.0};
   EXPECT_EQ(GatedLoudness::integratedLUFS(equal, everyBlock, settings), -infinity);
   EXPECT_EQ(gatedBlockCount(equal, everyBlock, settings), 8);
 }

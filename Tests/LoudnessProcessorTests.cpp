@@ -1,5 +1,6 @@
 #include "VellumCore/LoudnessProcessor.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <numbers>
@@ -37,7 +38,7 @@ Audio silence(int blocks, std::size_t channels = 2) {
   return Audio(channels, 4800 * blocks);
 }
 
-// --- Construction and tables -------------------------------------------------------------------------------
+// --- Construction and tables -----------------------------------------------------------------------------
 
 TEST(LoudnessProcessor, CoefficientsAt48kHzAreThoseOfBS1770) {
   const auto [stage1, stage2] = LoudnessProcessor::computeKWeightingCoefficients(48000);
@@ -151,7 +152,7 @@ TEST(LoudnessProcessor, WrongNumberOfPointersStopsTheProgram) {
   EXPECT_DEATH(meter.updateTruePeak(mono.pointers(), 10), "updateTruePeak takes one pointer per channel");
 }
 
-// --- Loudness ----------------------------------------------------------------------------------------------
+// --- Loudness --------------------------------------------------------------------------------------------
 
 TEST(LoudnessProcessor, StereoSineOfMinus23PeakReadsMinus23LUFS) {
   LoudnessProcessor meter = meterFor(2);
@@ -250,7 +251,7 @@ TEST(LoudnessProcessor, FrameCountBelowOneDoesNothing) {
   EXPECT_EQ(meter.channelRMS()[0], 0);
 }
 
-// --- Against the definition --------------------------------------------------------------------------------
+// --- Against the definition ------------------------------------------------------------------------------
 
 // A programme that walks through loud, soft and silent stretches.
 Audio randomProgramme(std::mt19937& rng, std::size_t channels, double sampleRate, double seconds) {
@@ -336,7 +337,7 @@ TEST(LoudnessProcessor, BlockPowerStaysWithinAMillionthOfADecibelAtEveryRate) {
       Audio audio;
       audio.channels = {samples};
       const std::vector<PlainMeter::Real> exact = PlainMeter(rate, {1}).blockPowers(audio);
-      for (const std::int64_t chunk : {std::int64_t{4800}, std::int64_t{997}, frames}) {
+      for (const std::int64_t chunk : {std::int64_t{1}, std::int64_t{997}, std::int64_t{4800}, frames}) {
         LoudnessProcessor meter = meterFor(1, rate);
         meter.setCollectHistory(true);
         feed(meter, audio, chunk);
@@ -417,8 +418,7 @@ TEST(LoudnessProcessor, AbsentChannelStandsStillAndComesBack) {
   EXPECT_EQ(meter.speechHistory().size(), 3u);
 }
 
-// --- Loudness range, noise floor, channel RMS
-// ---------------------------------------------------------------
+// --- Loudness range, noise floor, channel RMS ------------------------------------------------------------
 
 TEST(LoudnessProcessor, RangeOfASteadyToneAppearsWithThe39thBlockAndIsZero) {
   LoudnessProcessor meter = meterFor(2);
@@ -442,6 +442,25 @@ TEST(LoudnessProcessor, ProgrammeBelowMinus70LUFSNeverGetsARange) {
   EXPECT_EQ(meter.loudnessRange(), -infinity);
 }
 
+TEST(LoudnessProcessor, ShortTermValuesJustAboveMinus70LUFSEnterTheRange) {
+  LoudnessProcessor above = meterFor(2), below = meterFor(2);
+  feed(above, tone(-69.97, 60));
+  feed(below, tone(-70.03, 60));
+  ASSERT_NEAR(above.shortTermLUFS(), -69.96, 0.02);
+  EXPECT_GT(above.shortTermLUFSHistory().count(), 0);
+  ASSERT_NEAR(below.shortTermLUFS(), -70.02, 0.02);
+  EXPECT_EQ(below.shortTermLUFSHistory().count(), 0);
+}
+
+TEST(LoudnessProcessor, RangeNeedsExactlyTenValuesAboveTheRelativeGate) {
+  LoudnessProcessor meter = meterFor(2);
+  feed(meter, tone(-62, 45));
+  feed(meter, tone(0, 9));
+  EXPECT_EQ(meter.loudnessRange(), -infinity);
+  feed(meter, tone(0, 1));
+  EXPECT_TRUE(std::isfinite(meter.loudnessRange()));
+}
+
 TEST(LoudnessProcessor, RangeIsUnmeasuredAgainWhenFewerThanTenValuesPassTheRelativeGate) {
   LoudnessProcessor meter = meterFor(2);
   feed(meter, tone(-62, 45));  // 16 values near -62 LUFS
@@ -463,6 +482,9 @@ TEST(LoudnessProcessor, NoiseFloorPercentileIsTheRankOfNineTenths) {
                   20 * std::log10(0.9f));  // the ninth smallest
   values.insert(1.1f);                     // of eleven the tenth
   EXPECT_FLOAT_EQ(LoudnessProcessor::noiseFloorPercentileDB(values), 0.0f);
+  values.clear();
+  values.insert(0.0f);
+  EXPECT_EQ(LoudnessProcessor::noiseFloorPercentileDB(values), -200);
 }
 
 TEST(LoudnessProcessor, NoiseFloorNeverReadsBelowMinus200) {
@@ -481,7 +503,7 @@ TEST(LoudnessProcessor, ChannelRMSOfASquareWaveIs015ThenAlmost028) {
   EXPECT_FLOAT_EQ(meter.channelRMS()[0], 0.2775f);
 }
 
-// --- Speech ------------------------------------------------------------------------------------------------
+// --- Speech ----------------------------------------------------------------------------------------------
 
 TEST(LoudnessProcessor, ProgrammeWithoutSpeechHasOnlyANoiseFloor) {
   LoudnessProcessor meter = meterFor(2, 48000, std::nullopt, std::vector<bool>(100, false));
@@ -526,17 +548,41 @@ TEST(LoudnessProcessor, DetectorKeepsItsMemoryWhileGivenFlagsDecide) {
   EXPECT_EQ(meter.speechHistory(), (std::vector<bool>{true, false, true, true, false}));
 }
 
+TEST(LoudnessProcessor, DetectorWorksAtTheMetersOwnRate) {
+  for (const double rate : {8000.0, 16000.0, 44100.0}) {
+    std::mt19937 rng(21);
+    const Audio audio = randomProgramme(rng, 1, rate, 10);
+    LoudnessProcessor meter = meterFor(1, rate);
+    meter.setCollectHistory(true);
+    feed(meter, audio);
+    SpeechVAD detector(rate);
+    const std::int64_t n = meter.gateBlockFrames();
+    std::vector<bool> expected;
+    for (std::int64_t first = 0; first + n <= audio.frameCount(); first += n)
+      expected.push_back(
+          detector.isSpeech(std::span<const float>(audio.channels[0])
+                                .subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(n))));
+    EXPECT_EQ(meter.speechHistory(), expected) << rate;
+    EXPECT_NE(std::count(expected.begin(), expected.end(), true), 0) << rate;
+    EXPECT_NE(std::count(expected.begin(), expected.end(), false), 0) << rate;
+  }
+}
+
 TEST(LoudnessProcessor, SilentBlockLeavesTheSpeechShareAlone) {
   LoudnessProcessor meter =
       meterFor(2, 48000, std::nullopt, std::vector<bool>{true, true, false, true, false, true});
   feed(meter, tone(-20, 2));
   EXPECT_EQ(meter.speechPercentage(), 100);
-  LoudnessProcessor untouched = meterFor(2, 48000, std::nullopt, std::vector<bool>(6, true));
-  feed(untouched, silence(6));
-  EXPECT_EQ(untouched.speechPercentage(), 0);
-  feed(untouched, tone(-20, 1));  // the first that counts: had the silence counted, the share would be lower
-  feed(meter, tone(-20, 1));
+  feed(meter, silence(1));  // the filter rings on for a moment: not silent
   EXPECT_NEAR(meter.speechPercentage(), 100.0 * 2 / 3, 1e-4);
+  feed(meter, silence(20));
+  EXPECT_NEAR(meter.speechPercentage(), 100.0 * 2 / 3, 1e-4);
+
+  LoudnessProcessor untouched = meterFor(2, 48000, std::nullopt, std::vector<bool>{false, false, true});
+  feed(untouched, silence(2));
+  EXPECT_EQ(untouched.speechPercentage(), 0);
+  feed(untouched, tone(-20, 1));  // the first that counts
+  EXPECT_EQ(untouched.speechPercentage(), 100);
 }
 
 TEST(LoudnessProcessor, PartialBlockCountsForTheShareAndTheNoiseFloorButNotForSpeechGatedLoudness) {
@@ -558,9 +604,12 @@ TEST(LoudnessProcessor, BlockIndexRepositionsTheFlagsAndNegativeIsZero) {
   EXPECT_EQ(meter.speechHistory(), (std::vector<bool>{true, false}));
   meter.setBlockIndex(-5);
   EXPECT_EQ(meter.precomputedBlockIndex(), 0);
+  meter.setBlockIndex(std::numeric_limits<std::int64_t>::max());
+  feed(meter, tone(-20, 1));  // past every flag: the detector decides
+  EXPECT_EQ(meter.precomputedBlockIndex(), std::numeric_limits<std::int64_t>::max());
 }
 
-// --- True peak ---------------------------------------------------------------------------------------------
+// --- True peak -------------------------------------------------------------------------------------------
 
 TEST(LoudnessProcessor, SineAtAQuarterOfTheRateReadsItsPeakBetweenTheSamples) {
   LoudnessProcessor meter = meterFor(1);
@@ -611,7 +660,7 @@ TEST(LoudnessProcessor, TruePeakOnlyRises) {
   EXPECT_LT(meter.lastBlockTruePeakDB(), -39);
 }
 
-// --- Resets ------------------------------------------------------------------------------------------------
+// --- Resets ----------------------------------------------------------------------------------------------
 
 // Everything that can be read, for comparing one run with another.
 struct Reading {
@@ -655,8 +704,8 @@ TEST(LoudnessProcessor, SecondRunAfterEitherResetEqualsTheFirst) {
     feed(meter, audio, 1000);
     const Reading first = reading(meter);
     feed(meter, other);  // ends within a block
-    inPlace ? meter.resetState() : meter.reset();
-    if (inPlace) meter.reset();  // for channelTruePeakDB, which resetState keeps
+    if (inPlace) meter.resetState();
+    meter.reset();  // after resetState for channelTruePeakDB, which that keeps
     feed(meter, audio, 1000);
     Reading second = reading(meter);
     if (!inPlace) second.powers.erase(second.powers.begin(), second.powers.end() - 60);  // reset keeps them
@@ -671,11 +720,28 @@ TEST(LoudnessProcessor, ResetStateAloneLeavesNoTraceInTheNextRunButTheChannelTru
   LoudnessProcessor used = meterFor(2, 48000, std::nullopt, std::vector<bool>(100, true));
   fresh.setCollectHistory(true);
   used.setCollectHistory(true);
-  feed(used, tone(-50, 3), 777);
+  feed(used, sineAudio(2, 48000, 0.333, 1000, -50), 777);  // ends within a block
   used.resetState();
   feed(fresh, audio);
   feed(used, audio);
   EXPECT_EQ(reading(used), reading(fresh));  // the louder programme overtakes the channels' peaks
+}
+
+TEST(LoudnessProcessor, ResetWithinABlockForgetsWhatItHeld) {
+  for (const bool inPlace : {false, true}) {
+    LoudnessProcessor meter = meterFor(2, 48000, std::nullopt, std::vector<bool>(10, false));
+    meter.setCollectHistory(true);
+    feed(meter, sineAudio(2, 48000, 0.05, 1000, 0));
+    if (inPlace)
+      meter.resetState();
+    else
+      meter.reset();
+    feed(meter, silence(1));
+    EXPECT_EQ(meter.blockPowerHistory().size(), 1u);
+    EXPECT_EQ(meter.blockPowerHistory()[0], 0);
+    EXPECT_EQ(meter.momentaryLUFS(), -infinity);
+    EXPECT_EQ(meter.speechGatedNoiseFloorDBRMS(), -200);
+  }
 }
 
 TEST(LoudnessProcessor, ResetKeepsBlockPowersAndResetStateKeepsChannelTruePeaks) {
@@ -697,7 +763,10 @@ TEST(LoudnessProcessor, ResetKeepsBlockPowersAndResetStateKeepsChannelTruePeaks)
   for (const bool inPlace : {false, true}) {
     meter = used();
     meter.setPrecomputedSpeechHistory(std::vector<bool>{true});
-    inPlace ? meter.resetState() : meter.reset();
+    if (inPlace)
+      meter.resetState();
+    else
+      meter.reset();
     const Reading empty = reading(meter);
     const Reading fresh = reading(meterFor(2));
     for (std::size_t k = 0; k < 11 + 2; ++k) EXPECT_EQ(empty.figures[k], fresh.figures[k]) << k;
@@ -715,14 +784,16 @@ TEST(LoudnessProcessor, ResetForgetsTheTruePeakHistorySamples) {
     Audio click(1, 100);
     click.channels[0].back() = 1.0f;  // still on its way through the detector
     feed(meter, click);
-    inPlace ? meter.resetState() : meter.reset();
+    if (inPlace)
+      meter.resetState();
+    else
+      meter.reset();
     meter.updateTruePeak(silence(1, 1).pointers(), 4800);
     EXPECT_EQ(meter.truePeakDB(), -160);
   }
 }
 
-// --- Samples that are not finite, and other odd input
-// -------------------------------------------------------
+// --- Samples that are not finite, and other odd input ----------------------------------------------------
 
 TEST(LoudnessProcessor, NaNPoisonsItsChannelUntilAResetAndKeepsTheIntegratedFigure) {
   LoudnessProcessor meter = meterFor(2);
@@ -735,6 +806,9 @@ TEST(LoudnessProcessor, NaNPoisonsItsChannelUntilAResetAndKeepsTheIntegratedFigu
   poisoned.channels[1][17] = nan;
   const float rms = meter.channelRMS()[1];
   feed(meter, poisoned);
+  EXPECT_EQ(meter.channelRMS()[1], rms);
+  poisoned.channels[1][17] = infinity;
+  meter.process(poisoned.pointers(), 4800);
   EXPECT_EQ(meter.channelRMS()[1], rms);
   EXPECT_EQ(meter.speechGatedNoiseFloorDBRMS(), floor);
   feed(meter, tone(-20, 40));
@@ -817,6 +891,17 @@ TEST(LoudnessProcessor, BlockWhoseMonoMixIsNotFiniteStaysOutOfTheNoiseFloor) {
   EXPECT_EQ(meter.speechGatedNoiseFloorDBRMS(), floor);
 }
 
+// A constant offset has no K-weighted power once the filter has settled, but its mono RMS can be infinite.
+TEST(LoudnessProcessor, BlockWhoseMonoRMSOverflowsStaysOutOfTheNoiseFloor) {
+  LoudnessProcessor meter = meterFor(1, 48000, std::nullopt, std::vector<bool>(100, false));
+  meter.setCollectHistory(true);
+  Audio offset(1, 4800);
+  offset.channels[0].assign(4800, 3e19f);  // squares of 9e38 exceed 32 bits
+  for (int block = 0; block < 10; ++block) feed(meter, offset);
+  ASSERT_TRUE(std::isfinite(meter.blockPowerHistory().back()));
+  EXPECT_EQ(meter.speechGatedNoiseFloorDBRMS(), -infinity);
+}
+
 TEST(LoudnessProcessor, RandomNonFiniteSamplesNeverBecomeNaNFigures) {
   for (unsigned seed = 1; seed <= 8; ++seed) {
     std::mt19937 rng(seed);
@@ -839,7 +924,7 @@ TEST(LoudnessProcessor, NegativeWeightsAreTakenAsGivenAndLeaveTheMonoMix) {
   EXPECT_NEAR(meter.speechGatedNoiseFloorDBRMS(), -23.01, 0.01);  // the left channel alone
 }
 
-// --- Allocation --------------------------------------------------------------------------------------------
+// --- Allocation ------------------------------------------------------------------------------------------
 
 TEST(LoudnessProcessor, NothingIsAllocatedAfterTheScratchHasGrown) {
   if (!AllocationCounter::isAvailable) GTEST_SKIP() << "a sanitizer owns the allocator";
@@ -864,19 +949,24 @@ TEST(LoudnessProcessor, NothingIsAllocatedAfterTheScratchHasGrown) {
 
 TEST(LoudnessProcessor, OnlyPerBlockStatisticsAllocateInALongProgramme) {
   if (!AllocationCounter::isAvailable) GTEST_SKIP() << "a sanitizer owns the allocator";
-  LoudnessProcessor meter = meterFor(1, 1000);
+  // Flags for two hours: every second block is speech, so that all four lists grow.
+  std::vector<bool> speech(72000);
+  for (std::size_t b = 0; b < speech.size(); b += 2) speech[b] = true;
+  LoudnessProcessor meter = meterFor(1, 4000, std::nullopt, speech);
   std::mt19937 rng(13);
-  const std::vector<float> samples = noise(rng, 100000, 0.4);
+  const std::vector<float> samples = noise(rng, 400000, 0.4);
   const auto feedHour = [&] {
     for (int k = 0; k < 36; ++k) {
       const float* pointer = samples.data();
-      meter.updateTruePeak(std::span(&pointer, 1), 100000);
-      meter.process(std::span(&pointer, 1), 100000);
+      meter.updateTruePeak(std::span(&pointer, 1), 400000);
+      meter.process(std::span(&pointer, 1), 400000);
     }
   };
   feedHour();
   const AllocationCounter allocations;
   feedHour();
+  ASSERT_EQ(meter.shortTermLUFSHistory().count(), 72000 - 29);
+  ASSERT_TRUE(std::isfinite(meter.speechGatedLUFS()));
   // 36,000 more blocks in each of at most four ordered lists of 128 to 256 values a leaf, and their branches.
   EXPECT_LT(allocations.count(), 4 * (36000 / 128 + 10));
 }

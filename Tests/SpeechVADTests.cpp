@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Support/AllocationCounter.hpp"
 #include "Support/Signals.hpp"
 
 namespace vellum {
@@ -681,6 +682,15 @@ TEST(SpeechVAD, InfiniteBlockIsNotSpeechAndLeavesTheMemory) {
     EXPECT_FALSE(detector.isSpeech(hum()));  // no change from the hum before
     EXPECT_TRUE(detector.isSpeech(vowel()));
   }
+}
+
+TEST(SpeechVAD, DecidingAllocatesNothing) {
+  if (!AllocationCounter::isAvailable) GTEST_SKIP() << "a sanitizer owns the allocator";
+  SpeechVAD detector(48000);
+  const Block speech = vowel(), steady = hum(), quiet(4800);
+  const AllocationCounter allocations;
+  for (const Block* block : {&speech, &steady, &steady, &quiet, &speech}) detector.isSpeech(*block);
+  EXPECT_EQ(allocations.count(), 0);
 }
 
 }  // namespace

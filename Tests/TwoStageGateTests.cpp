@@ -14,8 +14,8 @@ namespace {
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
 TEST(TwoStageGate, ConstantsFollowTheirFormulas) {
-  EXPECT_DOUBLE_EQ(absoluteThreshold, std::pow(10.0, (-70.0 + 0.691) / 10.0));
-  EXPECT_DOUBLE_EQ(relativeGateFactor, std::pow(10.0, -10.0 / 10.0));
+  EXPECT_DOUBLE_EQ(TwoStageGate::absoluteThreshold, std::pow(10.0, (-70.0 + 0.691) / 10.0));
+  EXPECT_DOUBLE_EQ(TwoStageGate::relativeGateFactor, std::pow(10.0, -10.0 / 10.0));
 }
 
 TEST(TwoStageGate, LoudnessOfPowerHasAFloorAndTheOffset) {
@@ -26,15 +26,15 @@ TEST(TwoStageGate, LoudnessOfPowerHasAFloorAndTheOffset) {
 }
 
 TEST(TwoStageGate, BlockEqualToAbsoluteThresholdDoesNotPass) {
-  EXPECT_FALSE(passesAbsoluteGate(absoluteThreshold));
-  EXPECT_TRUE(passesAbsoluteGate(std::nextafter(absoluteThreshold, 1.0)));
+  EXPECT_FALSE(TwoStageGate::passesAbsoluteGate(TwoStageGate::absoluteThreshold));
+  EXPECT_TRUE(TwoStageGate::passesAbsoluteGate(std::nextafter(TwoStageGate::absoluteThreshold, 1.0)));
 }
 
 TEST(TwoStageGate, PowerThatIsNotFiniteDoesNotPass) {
-  EXPECT_FALSE(passesAbsoluteGate(infinity));
-  EXPECT_FALSE(passesAbsoluteGate(-infinity));
-  EXPECT_FALSE(passesAbsoluteGate(std::numeric_limits<double>::quiet_NaN()));
-  EXPECT_TRUE(passesAbsoluteGate(std::numeric_limits<double>::max()));
+  EXPECT_FALSE(TwoStageGate::passesAbsoluteGate(infinity));
+  EXPECT_FALSE(TwoStageGate::passesAbsoluteGate(-infinity));
+  EXPECT_FALSE(TwoStageGate::passesAbsoluteGate(std::numeric_limits<double>::quiet_NaN()));
+  EXPECT_TRUE(TwoStageGate::passesAbsoluteGate(std::numeric_limits<double>::max()));
 }
 
 TEST(TwoStageGate, BlockEqualToRelativeThresholdStaysOut) {

@@ -34,6 +34,7 @@ float ChannelLevels::samplePeakDBFS() const {
 }
 
 float ChannelLevels::rmsDBFS(std::size_t channel) const {
+  VELLUM_REQUIRE(channel < squares_.size(), "ChannelLevels: no such channel");
   const double squares = squares_[channel];
   if (!(squares > 0) || !std::isfinite(squares)) return -std::numeric_limits<float>::infinity();
   return static_cast<float>(10.0 * std::log10(squares / static_cast<double>(frameCount_)));

@@ -17,7 +17,8 @@ std::vector<double> keptPowers(std::span<const double> blockPowers, const BlockP
   std::vector<double> kept;
   for (std::size_t k = 0; k < blockPowers.size(); ++k) {
     const double power = blockPowers[k];
-    if (passesAbsoluteGate(power, settings.absoluteGatePower) && include(static_cast<std::int64_t>(k)))
+    if (TwoStageGate::passesAbsoluteGate(power, settings.absoluteGatePower) &&
+        include(static_cast<std::int64_t>(k)))
       kept.push_back(power);
   }
   return kept;

@@ -11,8 +11,8 @@
 namespace vellum::GatedLoudness {
 
 struct Settings {
-  double absoluteGatePower = absoluteThreshold;            // block power, linear: -70 LUFS
-  double relativeGateFactor = vellum::relativeGateFactor;  // on the mean power: -10 LU
+  double absoluteGatePower = TwoStageGate::absoluteThreshold;    // block power, linear: -70 LUFS
+  double relativeGateFactor = TwoStageGate::relativeGateFactor;  // on the mean power: -10 LU
 };
 
 // Whether the block of an index is to count. Only asked about blocks above the absolute gate.

@@ -231,29 +231,16 @@ void LoudnessProcessor::flushPartialBlock() {
   if (blockFrameCount_ > 0) flushBlock(blockFrameCount_, false);
 }
 
-// Completes the block being filled as one of `expectedFrames` frames. The order of the steps matters.
+// Completes the block being filled as one of `expectedFrames` frames. The histories take the integrated
+// loudness with this block in it, and come before the speech decision, which may ask the detector.
 void LoudnessProcessor::flushBlock(std::int64_t expectedFrames, bool contributesToIntegrated) {
   VELLUM_REQUIRE(channelCount_ > 0, "LoudnessProcessor: a meter needs at least one channel");
-
-  double power = 0;
-  const std::span<float> row = window_.appendRow();
-  for (std::size_t c = 0; c < row.size(); ++c) {
-    const double weighted =
-        (blockAccum_[c] / static_cast<double>(expectedFrames)) * static_cast<double>(resolvedWeights_[c]);
-    power += weighted;
-    row[c] = static_cast<float>(weighted);
-  }
-  const bool countsForGates = passesAbsoluteGate(power);
+  const double power = closeBlockPower(expectedFrames);
+  const bool countsForGates = TwoStageGate::passesAbsoluteGate(power);
 
   figures_.momentaryLUFS = window_.loudness(BlockWindow::momentaryBlocks);
   figures_.shortTermLUFS = window_.loudness(BlockWindow::shortTermBlocks);
-
-  if (window_.isFull() && std::isfinite(figures_.shortTermLUFS) && figures_.shortTermLUFS > -70.0f) {
-    shortTermLUFSHistory_.insert(figures_.shortTermLUFS);
-    shortTermPowerSum_ += std::pow(10.0, (static_cast<double>(figures_.shortTermLUFS) + 0.691) / 10.0);
-    figures_.loudnessRange = computeLRAIncremental();
-  }
-
+  if (window_.isFull()) updateRange();
   if (contributesToIntegrated && countsForGates) integratedGate_.admit(power);
 
   figures_.lastBlockTruePeakDB = truePeakDecibels(blockPeak_);
@@ -266,23 +253,10 @@ void LoudnessProcessor::flushBlock(std::int64_t expectedFrames, bool contributes
     truePeakHistory_.push_back(figures_.lastBlockTruePeakDB);
   }
 
-  const bool isPrecomputed =
-      precomputedSpeechHistory_ &&
-      precomputedBlockIndex_ < static_cast<std::int64_t>(precomputedSpeechHistory_->size());
-  const bool isSpeech = isPrecomputed
-                            ? (*precomputedSpeechHistory_)[static_cast<std::size_t>(precomputedBlockIndex_)]
-                            : speechVAD_.isSpeech(rawMonoBlock_);
-  ++precomputedBlockIndex_;
+  const bool isSpeech = decideSpeech();
   if (collectHistory_) speechHistory_.push_back(isSpeech);
-
-  if (!isSpeech && !rawMonoBlock_.empty() && !std::isinf(power)) {
-    const float blockPower =
-        meanSquare(rawMonoBlock_.data(), static_cast<std::int64_t>(rawMonoBlock_.size()));
-    if (std::isfinite(blockPower)) {
-      noiseFloorBlockRMS_.insert(std::sqrt(std::max(blockPower, 1e-20f)));
-      figures_.speechGatedNoiseFloorDBRMS = noiseFloorPercentileDB(noiseFloorBlockRMS_);
-    }
-  }
+  // An infinite power may cancel out in the mono mix; such a block is no noise floor whatever the mix says.
+  if (!isSpeech && !std::isinf(power)) updateNoiseFloor();
   rawMonoBlock_.clear();
 
   if (countsForGates) {
@@ -295,6 +269,44 @@ void LoudnessProcessor::flushBlock(std::int64_t expectedFrames, bool contributes
 
   std::fill(blockAccum_.begin(), blockAccum_.end(), 0.0);
   blockFrameCount_ = 0;
+}
+
+// The block's weighted power; its channels' shares join the windows.
+double LoudnessProcessor::closeBlockPower(std::int64_t expectedFrames) {
+  double power = 0;
+  const std::span<float> row = window_.appendRow();
+  for (std::size_t c = 0; c < row.size(); ++c) {
+    const double weighted =
+        (blockAccum_[c] / static_cast<double>(expectedFrames)) * static_cast<double>(resolvedWeights_[c]);
+    power += weighted;
+    row[c] = static_cast<float>(weighted);
+  }
+  return power;
+}
+
+void LoudnessProcessor::updateRange() {
+  const float value = figures_.shortTermLUFS;
+  if (!std::isfinite(value) || !(value > -70.0f)) return;
+  shortTermLUFSHistory_.insert(value);
+  shortTermPowerSum_ += std::pow(10.0, (static_cast<double>(value) + 0.691) / 10.0);
+  figures_.loudnessRange = computeLRAIncremental();
+}
+
+// The given flag, as long as there is one, else the detector's verdict.
+bool LoudnessProcessor::decideSpeech() {
+  const std::int64_t block = precomputedBlockIndex_;
+  if (block < std::numeric_limits<std::int64_t>::max()) ++precomputedBlockIndex_;
+  if (precomputedSpeechHistory_ && block < static_cast<std::int64_t>(precomputedSpeechHistory_->size()))
+    return (*precomputedSpeechHistory_)[static_cast<std::size_t>(block)];
+  return speechVAD_.isSpeech(rawMonoBlock_);
+}
+
+void LoudnessProcessor::updateNoiseFloor() {
+  if (rawMonoBlock_.empty()) return;
+  const float power = meanSquare(rawMonoBlock_.data(), static_cast<std::int64_t>(rawMonoBlock_.size()));
+  if (!std::isfinite(power)) return;
+  noiseFloorBlockRMS_.insert(std::sqrt(std::max(power, 1e-20f)));
+  figures_.speechGatedNoiseFloorDBRMS = noiseFloorPercentileDB(noiseFloorBlockRMS_);
 }
 
 // Spread of the short-term loudness between its 10th and 95th percentile, by rounded rank (EBU Tech 3342),
@@ -334,7 +346,7 @@ std::span<float> LoudnessProcessor::BlockWindow::appendRow() {
 }
 
 // Loudness of the newest blocks' mean; fewer where there are not as many yet. A silent window, and one that
-// holds a power which is not finite, reads -infinity.
+// holds a power which is not finite or adds up to one, reads -infinity.
 float LoudnessProcessor::BlockWindow::loudness(std::int64_t newest) const {
   const std::int64_t m = std::min(count_, newest);
   if (m == 0 || channelCount_ == 0) return unmeasured;

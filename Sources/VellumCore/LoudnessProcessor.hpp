@@ -26,20 +26,23 @@ struct KWeightingState;
 //
 // Life: construct, (updateTruePeak | process | reset | resetState)*, flushPartialBlock once at the end. The
 // figures can be read at any time. One thread at a time; separate meters are independent.
-// Cost: process and updateTruePeak allocate nothing but the growth of per-block statistics and histories,
-// and a block costs the same after a day as after a minute.
+// Cost: process and updateTruePeak allocate nothing but the growth of per-block statistics and histories. A
+// block after a day costs at most a few times one of the first minute: a microsecond for each statistic.
+// Below 3,364 Hz, twice the shelf's corner, K-weighting has no meaning: loudness figures are arbitrary or not
+// measured there; peaks and RMS hold.
 //
 // Samples that are not finite never stop the meter. A NaN leaves its channel's filter poisoned until a reset:
-// block powers are NaN from there on, momentary and short-term loudness -infinity, integrated loudness,
-// range and percentage keep their last values. An infinite sample does the same through the filter; a block
-// whose power is infinite enters no gate, range or noise floor. A NaN loses every peak comparison, an
-// infinite peak reads +infinity; a chunk whose mean square is not finite leaves channelRMS as it was; a
-// block whose mono RMS is not finite stays out of the noise floor.
+// block powers are NaN from there on, momentary and short-term loudness -infinity, integrated loudness, range
+// and percentage keep their last values. So does an infinite sample. A block whose power is infinite, from
+// samples too large for 32-bit squares, enters no gate, range or noise floor; the filter recovers, and what
+// rings on counts once it is finite. A NaN loses every peak comparison, an infinite peak reads +infinity; a
+// chunk whose mean square is not finite leaves channelRMS as it was; a block whose mono RMS is not finite
+// stays out of the noise floor.
 class LoudnessProcessor {
  public:
   struct Settings {
-    double sampleRate;                                          // Hz, 5 to 1,000,000
-    std::int64_t channelCount;                                  // at least 1
+    double sampleRate;          // Hz, 5 to 1,000,000
+    std::int64_t channelCount;  // at least 1; 0 stops the program at the first block
     std::optional<std::vector<bool>> precomputedSpeechHistory;  // one flag per block from the start
     std::optional<std::vector<float>> channelWeights;  // another count than channelCount: the defaults
   };
@@ -143,7 +146,7 @@ class LoudnessProcessor {
   class BlockWindow {
    public:
     explicit BlockWindow(std::int64_t channelCount);
-    std::span<float> appendRow();
+    std::span<float> appendRow();  // to be filled: holds an old block's values until then
     float loudness(std::int64_t newest) const;
     bool isFull() const { return count_ == capacity; }
     void clear() { count_ = next_ = 0; }
@@ -161,6 +164,10 @@ class LoudnessProcessor {
   void filterSegment(std::span<const float* const> channelData, std::int64_t offset, std::int64_t n);
   void accumulateMono(std::span<const float* const> channelData, std::int64_t offset, std::int64_t n);
   void flushBlock(std::int64_t expectedFrames, bool contributesToIntegrated);
+  double closeBlockPower(std::int64_t expectedFrames);
+  void updateRange();
+  bool decideSpeech();
+  void updateNoiseFloor();
   void updateRMS(std::span<const float* const> channelData, std::int64_t frameCount);
   float computeLRAIncremental() const;
   void clearFigures();

@@ -18,7 +18,8 @@ const std::array<std::array<float, delayFrames>, factor>& flatCoeffs();
 
 // Largest magnitude of the four oversampled values at each of frameCount positions: outPerSamplePeak[i] is
 // taken from workBuf[i ... i + 12], so that with 13 samples of history in front new sample k is centred at
-// output k + 7. Off by at most 2e-7 of full scale from the exact sums (32-bit arithmetic). A NaN costs the
+// output k + 7. Within 1.2e-6 of the exact sums, relative to
+// the largest sample (32-bit arithmetic; samples above 1.7e38 may overflow). A NaN costs the
 // oversampled values that it enters; the samples around it still count.
 //   workBuf           13 history samples, then frameCount new ones (frameCount + 13 values)
 //   phaseConvOut      scratch of frameCount values; what it holds afterwards is not defined

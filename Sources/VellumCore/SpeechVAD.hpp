@@ -13,8 +13,8 @@ class RealFFT;
 // thresholds over one 4096-point spectrum, and the previous block's speech-band spectrum for a flux test.
 //
 // Life: construct, isSpeech*. One stream per instance, blocks in time order, one thread at a time.
-// isSpeech allocates nothing. The verdict does not depend on level above -70 dBFS RMS. A block that holds a
-// NaN or an infinity is not speech.
+// isSpeech allocates nothing. The verdict does not depend on level above -70 dBFS RMS. A NaN or an
+// infinity among the samples looked at is not speech.
 class SpeechVAD {
  public:
   // sampleRate in Hz, finite and above 0.

@@ -12,22 +12,21 @@ namespace vellum {
 //   -0.691  cancels the K-weighting's gain at 997 Hz (ITU-R BS.1770-5)
 double loudnessOfPower(double power);
 
-// 10^((-70 + 0.691)/10): -70 LUFS as block power.
-constexpr double absoluteThreshold = 1.1724653045822981e-07;
-
-// The absolute gate: a block at or below it never counts, nor does one whose power is not finite.
-constexpr bool passesAbsoluteGate(double power, double threshold = absoluteThreshold) {
-  return power > threshold && power <= std::numeric_limits<double>::max();
-}
-
-// The relative gate stands at this factor of the mean power: -10 LU.
-constexpr double relativeGateFactor = 0.1;
-
 // Gated loudness of a growing list of blocks: the mean of those above a relative gate that is itself taken
 // from all of them (ITU-R BS.1770-5, two-stage gating). The integrated and the speech-gated loudness are two
 // such gates fed with different blocks. The caller applies the absolute gate.
 class TwoStageGate {
  public:
+  // 10^((-70 + 0.691)/10): -70 LUFS as block power.
+  static constexpr double absoluteThreshold = 1.1724653045822981e-07;
+  // The relative gate stands at this factor of the mean power: -10 LU.
+  static constexpr double relativeGateFactor = 0.1;
+
+  // The absolute gate: a block at or below it never counts, nor does one whose power is not finite.
+  static constexpr bool passesAbsoluteGate(double power, double threshold = absoluteThreshold) {
+    return power > threshold && power <= std::numeric_limits<double>::max();
+  }
+
   // Takes a block's power, finite, and brings the loudness up to date.
   void admit(double power);
   void clear();

@@ -118,7 +118,8 @@ void power(const float* re, const float* im, float* out, std::int64_t n) {
 typedef double Pair __attribute__((vector_size(16)));
 
 // Filter memory below this (-2000 dB) is set to zero at the end of a segment, so that a filter ringing out
-// into digital silence never reaches the denormal numbers, which cost a hundred times a normal one.
+// into digital silence leaves the denormal numbers, which cost a hundred times a normal one, with the segment
+// in which it reaches them.
 constexpr double vanishing = 1e-100;
 inline double withoutResidue(double x) {
   return __builtin_fabs(x) < vanishing ? 0.0 : x;

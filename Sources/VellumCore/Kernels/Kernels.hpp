@@ -7,7 +7,8 @@
 // One source of loops is compiled once per instruction set and picked at run time. Every version does the
 // same operations in the same order, without fused multiply-add, so two machines agree to the last bit:
 // a sum runs in `laneCount` partial results (element i goes to lane i mod laneCount), and the lanes
-// are folded by halves (lane k with lane k + half, until one is left).
+// are folded by halves (lane k with lane k + half, until one is left). The energy of a filtered channel is
+// added up in the order of its samples, and a maximum needs no order.
 //
 // Arrays need no alignment. Counts of 0 or less do nothing and reduce to 0. In-place use (out == in) is
 // allowed where an output is element by element.

@@ -148,7 +148,10 @@ class OrderedStatistics {
       const bool atTheEnd =
           b + 1 == branches_.size() && l + 1 == branch->leafCount && value > branch->greatest[l];
       // Rising values fill a fresh leaf instead of leaving half-empty ones behind.
-      atTheEnd ? openLeaf(*branch, l + 1) : splitLeaf(*branch, l);
+      if (atTheEnd)
+        openLeaf(*branch, l + 1);
+      else
+        splitLeaf(*branch, l);
       if (atTheEnd || value > branch->greatest[l]) ++l;
     }
     insertIntoLeaf(*branch, l, value);
