@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "VellumCore/ChannelOrder.hpp"
+
+// Names and loudness weights of a file's channels: by its labels (one per channel) where it has them; else
+// by the channel count, in the order that the meter's default weights go by.
+namespace vellum::ChannelLayouts {
+
+std::vector<std::string> names(std::span<const AudioChannelLabel> labels, std::int64_t channelCount);
+
+// A label without a weight of its own gets 1, and a line on standard error says so; mono needs no such line.
+std::vector<float> weights(std::span<const AudioChannelLabel> labels, std::int64_t channelCount);
+
+}  // namespace vellum::ChannelLayouts
