@@ -56,6 +56,21 @@ TEST(LoudnessProcessor, CoefficientsAt48kHzAreThoseOfBS1770) {
   }
 }
 
+// The poles of a section lie inside the unit circle where |a2| < 1 and |a1| < 1 + a2.
+TEST(LoudnessProcessor, KWeightingIsStableFromItsLowestRateOn) {
+  const auto isStable = [](double rate) {
+    const auto k = LoudnessProcessor::computeKWeightingCoefficients(rate);
+    const auto holds = [](const LoudnessProcessor::SectionCoefficients& s) {
+      return std::fabs(s[4]) < 1 && std::fabs(s[3]) < 1 + s[4];
+    };
+    return holds(k.stage1) && holds(k.stage2);
+  };
+  EXPECT_DOUBLE_EQ(LoudnessProcessor::lowestKWeightedRate, 2 * 1681.974450955533);
+  for (double rate = LoudnessProcessor::lowestKWeightedRate + 0.01; rate <= 1e6; rate *= 1.01)
+    ASSERT_TRUE(isStable(rate)) << rate;
+  EXPECT_FALSE(isStable(LoudnessProcessor::lowestKWeightedRate - 0.01));
+}
+
 TEST(LoudnessProcessor, DefaultWeightsFollowTheChannelCount) {
   const float s = 1.41253f;
   const std::vector<std::vector<float>> table = {{},

@@ -28,7 +28,7 @@ struct KWeightingState;
 // figures can be read at any time. One thread at a time; separate meters are independent.
 // Cost: process and updateTruePeak allocate nothing but the growth of per-block statistics and histories. A
 // block after a day costs at most a few times one of the first minute: a microsecond for each statistic.
-// Below 3,364 Hz, twice the shelf's corner, K-weighting has no meaning: loudness figures are arbitrary or not
+// Below lowestKWeightedRate, K-weighting has no meaning: loudness figures are arbitrary or not
 // measured there; peaks and RMS hold.
 //
 // Samples that are not finite never stop the meter. A NaN leaves its channel's filter poisoned until a reset:
@@ -119,6 +119,8 @@ class LoudnessProcessor {
   // Short-term values (LUFS) that the loudness range is taken from, ascending.
   const OrderedStatistics<float>& shortTermLUFSHistory() const { return shortTermLUFSHistory_; }
 
+  // Hz: twice the shelf's corner, 1681.974 Hz. Below, its poles leave the unit circle at most rates.
+  static constexpr double lowestKWeightedRate = 3363.948901911066;
   static constexpr double gateBlockDuration = 0.1;               // s
   std::int64_t gateBlockFrames() const { return blockFrames_; }  // round(sampleRate x 0.1), halves up
 
