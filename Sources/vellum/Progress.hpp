@@ -1,0 +1,43 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "VellumApp/FileMeasurement.hpp"
+
+namespace vellum {
+
+// One line on standard error that is drawn again and again while files are measured: how far the first
+// unfinished one is, and how many times faster than real time the work goes. Nothing where it is no terminal.
+// advance and finish may be called by any thread, draw and clear by the one that prints.
+class Progress {
+ public:
+  explicit Progress(std::vector<std::string> fileNames);
+  ~Progress() { clear(); }
+
+  void advance(std::size_t file, const MeasureProgress& progress);
+  void finish(std::size_t file);
+
+  void draw();   // does nothing if it was drawn a moment ago
+  void clear();  // before anything else is printed
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  std::string line() const;
+
+  const std::vector<std::string> fileNames_;
+  const bool isShown_;
+  const Clock::time_point start_ = Clock::now();
+  Clock::time_point lastDrawn_ = start_;
+  bool isOnScreen_ = false;
+
+  mutable std::mutex mutex_;
+  std::map<std::size_t, MeasureProgress> underWay_;
+  double finishedSec_ = 0;
+};
+
+}  // namespace vellum
