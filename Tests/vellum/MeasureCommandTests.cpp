@@ -476,6 +476,13 @@ TEST(MeasureCommand, TheTextSaysWhatWasNotMeasured) {
     EXPECT_TRUE(contains(out, line));
 }
 
+TEST(MeasureCommand, TheTextHasNoNegativeZero) {
+  const TemporaryFolder folder;
+  test::writeAudio(folder / "x.wav", tone(1, 48000, -0.04), 48000, test::floatWAV);
+  const std::string out = runVellum({"measure", folder / "x.wav"}).out;
+  EXPECT_TRUE(contains(out, "  Sample peak            0.0 dBFS\n"));
+}
+
 TEST(MeasureCommand, NamesCannotSendControlCharactersToATerminal) {
   const TemporaryFolder folder;
   const auto path = folder / "a\x1b[31mb\nc.wav";

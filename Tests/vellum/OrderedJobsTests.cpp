@@ -86,6 +86,13 @@ TEST(OrderedJobs, StopEndsItWithoutDeliveringMore) {
   EXPECT_LT(started, 20u);
 }
 
+TEST(OrderedJobs, AStopByTickComesBeforeTheNextDelivery) {
+  std::atomic<bool> stop = false;
+  runInOrder(
+      10, 1, stop, [](std::size_t index) { return index; }, [](std::size_t, std::size_t) { FAIL(); },
+      [&] { stop = true; });
+}
+
 TEST(OrderedJobs, WhatDeliverThrowsPassesThroughOnceTheThreadsHaveEnded) {
   std::atomic<bool> stop = false;
   std::atomic<int> working = 0;
