@@ -16,6 +16,7 @@
 
 #include "VellumApp/Descriptor.hpp"
 #include "VellumApp/TimeText.hpp"
+#include "VellumCore/LoudnessProcessor.hpp"
 #include "VellumCore/Support/Require.hpp"
 
 namespace vellum {
@@ -23,7 +24,6 @@ namespace {
 
 constexpr const char* notOurAudio =
     "it is not audio that this program reads (WAV, RF64, W64, AIFF, CAF, FLAC, Ogg Vorbis, Opus, MP3)";
-constexpr double lowestSampleRate = 5, highestSampleRate = 1'000'000;
 
 // The bytes of a file, as libsndfile wants them.
 struct Source {
@@ -377,7 +377,8 @@ struct AudioFile::Decoder {
     file = openSndfile(source, info);
     format = {info.format & SF_FORMAT_TYPEMASK, info.format & SF_FORMAT_SUBMASK};
     if (containerName(format).empty()) throw FileError(notOurAudio);
-    if (info.samplerate < lowestSampleRate || info.samplerate > highestSampleRate)
+    if (info.samplerate < LoudnessProcessor::lowestSampleRate ||
+        info.samplerate > LoudnessProcessor::highestSampleRate)
       throw FileError("its sample rate of " + std::to_string(info.samplerate) +
                       " Hz is outside of 5 to 1,000,000 Hz");
     formatName = formatNameOf(format);

@@ -83,7 +83,8 @@ struct ProgrammeMeter::State {
   LoudnessProcessor loudness;
   DRProcessor::BlockMeter dynamicRange;
   ChannelLevels levels;
-  WindowMaximum momentary{.blocks = 4}, shortTerm{.blocks = 30};
+  WindowMaximum momentary{.blocks = LoudnessProcessor::momentaryBlocks};
+  WindowMaximum shortTerm{.blocks = LoudnessProcessor::shortTermBlocks};
   std::optional<std::int64_t> truePeakBlock;
   std::int64_t frameCount = 0;
   bool isFinished = false;

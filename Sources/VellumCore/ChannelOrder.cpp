@@ -9,8 +9,6 @@
 namespace vellum::ChannelOrder {
 namespace {
 
-constexpr float surroundWeight = 1.41253f;  // 10^(1.5/10): +1.5 dB
-
 struct Channel {
   AudioChannelLabel label;
   std::string_view shortName;

@@ -14,6 +14,9 @@ using AudioChannelLabel = std::uint32_t;
 // What a buffer's channel labels mean to the meters and to people. Holds no state.
 namespace ChannelOrder {
 
+// Weight of a surround channel: +1.5 dB (ITU-R BS.1770-5), as a factor of its power.
+constexpr float surroundWeight = 1.41253f;  // 10^(1.5/10), rounded
+
 // Loudness weight of a channel as a linear factor of its power (ITU-R BS.1770-5): 1 for the front, 1.41253
 // (+1.5 dB) for surrounds, 0 for the LFE channels. A label without a weight of its own gets 1, and one line
 // on standard error says so.

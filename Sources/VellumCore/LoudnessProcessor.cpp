@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <cmath>
 
+#include "VellumCore/ChannelOrder.hpp"
 #include "VellumCore/Kernels/Kernels.hpp"
 #include "VellumCore/Support/Require.hpp"
 
 namespace vellum {
 
 namespace {
-
-constexpr float surroundWeight = 1.41253f;  // +1.5 dB (ITU-R BS.1770-5, table 4)
 
 float decibels(float linear, float floor) {
   return 20.0f * std::log10(std::max(linear, floor));
@@ -36,7 +35,8 @@ KWeightingCoefficients kernelCoefficients(const LoudnessProcessor::KWeighting& k
 }
 
 const LoudnessProcessor::Settings& checked(const LoudnessProcessor::Settings& settings) {
-  VELLUM_REQUIRE(settings.sampleRate >= 5.0 && settings.sampleRate <= 1e6,
+  VELLUM_REQUIRE(settings.sampleRate >= LoudnessProcessor::lowestSampleRate &&
+                     settings.sampleRate <= LoudnessProcessor::highestSampleRate,
                  "LoudnessProcessor: sampleRate must be 5 to 1,000,000 Hz");
   VELLUM_REQUIRE(settings.channelCount >= 0, "LoudnessProcessor: channelCount must not be negative");
   return settings;
@@ -54,7 +54,7 @@ std::vector<float> resolveWeights(const LoudnessProcessor::Settings& settings) {
 // --- Tables ----------------------------------------------------------------------------------------------
 
 std::vector<float> LoudnessProcessor::staticChannelWeights(std::int64_t channelCount) {
-  constexpr float s = surroundWeight;
+  constexpr float s = ChannelOrder::surroundWeight;
   switch (channelCount) {
     case 4:
       return {1, 1, s, s};
@@ -238,8 +238,8 @@ void LoudnessProcessor::flushBlock(std::int64_t expectedFrames, bool contributes
   const double power = closeBlockPower(expectedFrames);
   const bool countsForGates = TwoStageGate::passesAbsoluteGate(power);
 
-  figures_.momentaryLUFS = window_.loudness(BlockWindow::momentaryBlocks);
-  figures_.shortTermLUFS = window_.loudness(BlockWindow::shortTermBlocks);
+  figures_.momentaryLUFS = window_.loudness(momentaryBlocks);
+  figures_.shortTermLUFS = window_.loudness(shortTermBlocks);
   if (window_.isFull()) updateRange();
   if (contributesToIntegrated && countsForGates) integratedGate_.admit(power);
 

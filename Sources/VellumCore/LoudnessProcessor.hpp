@@ -121,7 +121,9 @@ class LoudnessProcessor {
 
   // Hz: twice the shelf's corner, 1681.974 Hz. Below, its poles leave the unit circle at most rates.
   static constexpr double lowestKWeightedRate = 3363.948901911066;
-  static constexpr double gateBlockDuration = 0.1;               // s
+  static constexpr double lowestSampleRate = 5, highestSampleRate = 1e6;    // Hz
+  static constexpr std::int64_t momentaryBlocks = 4, shortTermBlocks = 30;  // window lengths
+  static constexpr double gateBlockDuration = 0.1;                          // s
   std::int64_t gateBlockFrames() const { return blockFrames_; }  // round(sampleRate x 0.1), halves up
 
   // Default weights for the order L, R, C, LFE, Ls, Rs and then further surrounds; 1 for 1, 7, 9 and more.
@@ -153,7 +155,7 @@ class LoudnessProcessor {
     bool isFull() const { return count_ == capacity; }
     void clear() { count_ = next_ = 0; }
 
-    static constexpr std::int64_t momentaryBlocks = 4, shortTermBlocks = 30, capacity = shortTermBlocks;
+    static constexpr std::int64_t capacity = shortTermBlocks;
 
    private:
     std::int64_t channelCount_, count_ = 0, next_ = 0;

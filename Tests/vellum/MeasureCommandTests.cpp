@@ -622,7 +622,8 @@ TEST(MeasureCommand, RealMusicHasTheLevelsOfItsSamples) {
           << files[k];
     }
     EXPECT_NEAR(record.at("samplePeakDBFS"), 20 * std::log10(peak), 1e-4) << files[k];
-    EXPECT_GE(record.at("truePeakDBTP").get<double>(), record.at("samplePeakDBFS").get<double>() - 0.01)
+    // The samples themselves are among the oversampled values; 32-bit levels are rounded.
+    EXPECT_GE(record.at("truePeakDBTP").get<double>(), record.at("samplePeakDBFS").get<double>() - 1e-5)
         << files[k];
     EXPECT_TRUE(record.contains("maxMomentaryLUFS")) << files[k];
     EXPECT_FALSE(record.contains("warning")) << record;
