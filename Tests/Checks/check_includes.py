@@ -12,34 +12,39 @@ from pathlib import Path, PurePosixPath
 # Every other component is a record, a table or plain arithmetic.
 SIGNAL_COMPONENTS = {
     "ChannelLevels",
+    "ChapterAnalysis",
+    "ChapterDetection",
+    "ChapterMeter",
     "DRProcessor",
     "GatedLoudness",
     "LoudnessProcessor",
     "PolyphaseUpsampler4x",
     "SpeechVAD",
+    "SumOfSquares",
+    "TruePeakLimiterDSP",
 }
 
 # The layers: name, files, and what these files may include; a file belongs to the first layer that fits.
 #   Support Kernels ...  the layer's own headers
 #   component record     public headers of all components; of those without signal
 #   std fmt ...          headers that are not ours, by the lists below
-APP = "std threads system Support component Json VellumApp"
+APP = "std threads system Support component Json VellumApp fmt"
 LAYERS = [
     ("Support", ["VellumCore/Support/*"], "std Support fmt"),
     ("Kernels .cpp", ["VellumCore/Kernels/*.cpp"], "std Support Kernels intrinsics"),
     ("Kernels", ["VellumCore/Kernels/*"], "std Support Kernels"),
     ("Fourier .cpp", ["VellumCore/Fourier/*.cpp"], "std Support Fourier kissfft"),
     ("Fourier", ["VellumCore/Fourier/*"], "std Support Fourier"),
-    ("Json .cpp", ["VellumCore/Json/*.cpp"], "std Support record Json nlohmann"),
+    ("Json .cpp", ["VellumCore/Json/*.cpp"], "std Support record Json nlohmann fmt"),
     ("Json", ["VellumCore/Json/*"], "std Support record Json"),
     (
         "signal component .cpp",
         [f"VellumCore/{name}.cpp" for name in SIGNAL_COMPONENTS],
-        "std Support component Kernels Fourier",
+        "std Support component Kernels Fourier fmt",
     ),
-    ("component .cpp", ["VellumCore/*.cpp"], "std Support component"),
+    ("component .cpp", ["VellumCore/*.cpp"], "std Support component fmt"),
     ("component header", ["VellumCore/*.hpp"], "std Support component"),
-    ("AudioFile.cpp", ["VellumApp/AudioFile.cpp"], APP + " sndfile"),
+    ("audio file .cpp", ["VellumApp/AudioFile.cpp", "VellumApp/FLACEncoder.cpp"], APP + " sndfile"),
     ("VellumApp", ["VellumApp/*"], APP),
     ("command", ["vellum/*"], "std threads system component Json/Document.hpp VellumApp command fmt CLI11"),
 ]

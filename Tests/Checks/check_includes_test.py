@@ -37,7 +37,7 @@ INCLUDABLE = {
 }
 
 # One file of every kind and all that it may include.
-APP = "vector thread mutex unistd stat Support Codec Document record signal app"
+APP = "vector thread mutex unistd stat fmt Support Codec Document record signal app"
 COMMAND = "vector thread mutex unistd stat fmt CLI11 Document record signal app command"
 PERMITTED = {
     "VellumCore/Support/Text.hpp": "vector fmt Support",
@@ -47,13 +47,15 @@ PERMITTED = {
     "VellumCore/Fourier/Window.hpp": "vector Support Fourier",
     "VellumCore/Fourier/Window.cpp": "vector kissfft Support Fourier",
     "VellumCore/Json/Codec2.hpp": "vector Support Codec Document record",
-    "VellumCore/Json/Codec2.cpp": "vector nlohmann Support Codec Document record",
+    "VellumCore/Json/Codec2.cpp": "vector nlohmann fmt Support Codec Document record",
     "VellumCore/DRProcessor.hpp": "vector Support record signal",
-    "VellumCore/DRProcessor.cpp": "vector Support Kernels Fourier record signal",
+    "VellumCore/DRProcessor.cpp": "vector fmt Support Kernels Fourier record signal",
     "VellumCore/PCMBufferAllocation.hpp": "vector Support record signal",
-    "VellumCore/PCMBufferAllocation.cpp": "vector Support record signal",
+    "VellumCore/PCMBufferAllocation.cpp": "vector fmt Support record signal",
     "VellumApp/AudioFile.hpp": APP,
     "VellumApp/AudioFile.cpp": APP + " sndfile",
+    "VellumApp/FLACEncoder.hpp": APP,
+    "VellumApp/FLACEncoder.cpp": APP + " sndfile",
     "VellumApp/Other.cpp": APP,
     "vellum/Measure.hpp": COMMAND,
     "vellum/Measure.cpp": COMMAND,

@@ -2,13 +2,15 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
 
-// JSON documents as a tree of values, so that nothing outside this folder needs a JSON library.
+// JSON documents as a tree of values, so that nothing outside this folder needs a JSON library. Reader.hpp
+// reads records out of such a tree.
 namespace vellum::Json {
 
 class Value;
@@ -18,6 +20,10 @@ using Member = std::pair<std::string, Value>;  // key, value
 // Members in the order in which they were first set; keys are unique.
 class Object {
  public:
+  Object() = default;
+  // Members whose keys differ.
+  explicit Object(std::vector<Member> members);
+
   // Adds a member at the end, or replaces the value of the one that has this key. Cost: linear.
   void set(std::string_view key, Value value);
   // Null where there is no such member.
@@ -28,12 +34,22 @@ class Object {
   std::vector<Member> members_;
 };
 
+// A number as a document writes it: what its digits are nearest to in either width, and the integer that they
+// are. 32 bits are not taken from the 64: rounding twice can end a unit off.
+struct Decimal {
+  double value;
+  float value32;                                       // infinite where the number is too large
+  std::optional<std::int64_t> integer = std::nullopt;  // absent where it is none, or does not fit
+};
+
 // One JSON value. Converts from anything that it can hold.
 //   float   32-bit numbers keep their width: 0.2f is written 0.2
-//   text    UTF-8; each faulty sequence is written as U+FFFD
+//   Decimal what parse makes of a number with a point, an exponent or too many digits for an integer, and of
+//   -0 text    UTF-8; each faulty sequence is written as U+FFFD
 class Value {
  public:
-  using Content = std::variant<std::nullptr_t, bool, std::int64_t, double, float, std::string, Array, Object>;
+  using Content =
+      std::variant<std::nullptr_t, bool, std::int64_t, double, float, Decimal, std::string, Array, Object>;
 
   Value() = default;  // null
   Value(std::nullptr_t) {}
@@ -42,6 +58,7 @@ class Value {
   Value(std::int64_t value) : content_(value) {}
   Value(double value) : content_(value) {}
   Value(float value) : content_(value) {}
+  Value(Decimal value) : content_(value) {}
   template <typename T>
   Value(T* pointer) = delete;  // else it would convert to bool
   Value(const char* value) : content_(std::string(value)) {}
@@ -62,5 +79,17 @@ class Value {
 // A number that is not finite stops the program: leave out its key, or put null.
 std::string compactText(const Value& value);
 std::string indentedText(const Value& value, int indent = 2);
+
+// Whether every number is finite, so that the value can be written.
+bool isWritable(const Value& value);
+
+// Limits of what parse takes.
+constexpr std::size_t mostDocumentBytes = std::size_t{64} << 20;
+constexpr int mostDocumentLevels = 64;  // of arrays and objects in one another
+
+// The value that a UTF-8 text holds. A member given twice counts once, the last.
+// Throws DocumentError (data corrupted) for anything else, saying where by line and column (in bytes), for a
+// text above 64 MiB, for more than 64 levels, and for a number beyond 64 bits.
+Value parse(std::string_view text);
 
 }  // namespace vellum::Json
