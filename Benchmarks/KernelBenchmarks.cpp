@@ -23,7 +23,7 @@ void add(const KernelTable& table, const char* name, std::int64_t samples, Body 
 
 const bool registered = [] {
   static const auto audio = programme(2, 48000, 1);
-  static std::vector<float> out(n);
+  static std::vector<float> out(n), line(n);
   static const float* x = audio[0].data();
   static const float* y = audio[1].data();
   static KWeightingState left, right;
@@ -34,6 +34,7 @@ const bool registered = [] {
   const KWeightingCoefficients weighting = {k.stage1[0], k.stage1[1], k.stage1[2], k.stage1[3],
                                             k.stage1[4], k.stage2[3], k.stage2[4]};
   const PolyphaseFolds folds = {{1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}};
+  const PolyphaseTaps taps = {{{1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}}};
 
   const KernelTables runnable = runnableKernels();
   for (int t = 0; t < runnable.count; ++t) {
@@ -48,6 +49,9 @@ const bool registered = [] {
     add(table, "power", n, [&table] { table.power(x, y, out.data(), n); });
     add(table, "oversampledPeaks", n,
         [&table, folds] { benchmark::DoNotOptimize(table.oversampledPeaks(folds, x, nullptr, n)); });
+    add(table, "raiseToTapPeaks", n, [&table, taps] { table.raiseToTapPeaks(taps, x, out.data(), n); });
+    add(table, "ceilingGains", n, [&table] { table.ceilingGains(0.5f, out.data(), n); });
+    add(table, "exchangeWithGain", n, [&table] { table.exchangeWithGain(out.data(), line.data(), y, n); });
     for (const std::int64_t channels : {1, 2})
       add(table, channels == 1 ? "kWeightedEnergy/mono" : "kWeightedEnergy/pair", n * channels,
           [&table, weighting, channels] {

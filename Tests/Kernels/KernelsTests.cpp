@@ -67,6 +67,16 @@ float plainOversampledPeak(const PolyphaseFolds& f, const float* w) {
   return peak;
 }
 
+float plainTapPeak(const PolyphaseTaps& t, const float* w, float peak) {
+  if (std::fabs(w[6]) > peak) peak = std::fabs(w[6]);
+  for (const auto& taps : t.taps) {
+    float sum = 0;
+    for (int k = 0; k < 12; ++k) sum += taps[k] * w[k];
+    if (std::fabs(sum) > peak) peak = std::fabs(sum);
+  }
+  return peak;
+}
+
 // --- What they are compared on ---------------------------------------------------------------------------
 
 constexpr std::int64_t longest = 3 * laneCount + 5, offsets = 4, slack = 16;
@@ -280,6 +290,86 @@ TEST_P(EveryKernelTable, OversampledPeaksNeverBecomeNaN) {
   for (float peak : peaks) EXPECT_FALSE(std::isnan(peak));
   EXPECT_EQ(peaks[34], 0.0f);  // the NaN itself in the middle: nothing left to compare
   EXPECT_EQ(peaks[84], infinity);
+}
+
+constexpr PolyphaseTaps someTaps = {{{-0.0002f, 0.0049f, -0.0185f, 0.0463f, -0.1035f, 0.2887f, 0.8965f,
+                                      -0.1615f, 0.0692f, -0.0301f, 0.0104f, -0.0016f},
+                                     {-0.001f, 0.0104f, -0.0337f, 0.0801f, -0.1811f, 0.6258f, 0.6257f,
+                                      -0.1812f, 0.0802f, -0.0338f, 0.0103f, -0.0011f},
+                                     {-0.0017f, 0.0103f, -0.0302f, 0.0693f, -0.1614f, 0.8964f, 0.2888f,
+                                      -0.1034f, 0.0462f, -0.0186f, 0.0048f, -0.0003f}}};
+
+TEST_P(EveryKernelTable, TapPeaksEqualThePlainSumsToTheBitAndOnlyRaise) {
+  std::mt19937 rng(31);
+  atEverySizeAndAlignment([&](const float* x, std::int64_t n, const std::string& where) {
+    std::vector<float> before = noise(rng, n + 1, 1.0);
+    for (float& peak : before) peak = std::fabs(peak);
+    std::vector<float> peaks = before;
+    table().raiseToTapPeaks(someTaps, x, peaks.data(), n);
+    for (std::int64_t i = 0; i < n; ++i) {
+      const auto at = static_cast<std::size_t>(i);
+      ASSERT_TRUE(sameBits(peaks[at], plainTapPeak(someTaps, x + i, before[at])))
+          << where << ", output " << i;
+    }
+    ASSERT_EQ(peaks.back(), before.back()) << where;
+  });
+}
+
+TEST_P(EveryKernelTable, TapPeaksNeverBecomeNaN) {
+  std::vector<float> x(200, 0.125f);
+  x[40] = nan;
+  x[90] = infinity;
+  x[95] = -infinity;
+  std::vector<float> peaks(180);
+  table().raiseToTapPeaks(someTaps, x.data(), peaks.data(), 180);
+  for (std::int64_t i = 0; i < 180; ++i)
+    ASSERT_EQ(peaks[static_cast<std::size_t>(i)], plainTapPeak(someTaps, x.data() + i, 0)) << i;
+  EXPECT_EQ(peaks[33], 0.125f);  // a NaN among the taps: the sample in the middle is left
+  EXPECT_EQ(peaks[34], 0.0f);    // the NaN itself in the middle: nothing left to compare
+  EXPECT_EQ(peaks[84], infinity);
+}
+
+// --- Limiter ---------------------------------------------------------------------------------------------
+
+TEST_P(EveryKernelTable, CeilingGainsBringPeaksAboveTheCeilingDownAndLeaveTheRestAtOne) {
+  atEverySizeAndAlignment([&](const float* x, std::int64_t n, const std::string& where) {
+    const auto count = static_cast<std::size_t>(n);
+    for (const float ceiling : {0.25f, 0.0f, x[1], infinity, nan}) {
+      std::vector<float> gains(x, x + n + 1);
+      table().ceilingGains(ceiling, gains.data(), n);
+      for (std::size_t i = 0; i < count; ++i)
+        ASSERT_TRUE(sameBits(gains[i], ceiling < x[i] ? ceiling / x[i] : 1.0f))
+            << where << ", ceiling " << ceiling;
+      ASSERT_TRUE(sameBits(gains[count], x[n])) << where;
+    }
+  });
+}
+
+TEST_P(EveryKernelTable, CeilingGainsAreOneForNaNAndZeroForInfinity) {
+  for (std::size_t n = 1; n <= static_cast<std::size_t>(longest); ++n) {
+    std::vector<float> x(n, infinity);
+    x[n - 1] = nan;
+    table().ceilingGains(0.5f, x.data(), static_cast<std::int64_t>(n));
+    EXPECT_EQ(x[n - 1], 1.0f);
+    if (n > 1) {
+      EXPECT_EQ(x[0], 0.0f);
+    }
+  }
+}
+
+TEST_P(EveryKernelTable, ExchangeGivesTheLineTimesTheGainsAndKeepsTheSamples) {
+  atEverySizeAndAlignment([&](const float* given, std::int64_t n, const std::string& where) {
+    const auto count = static_cast<std::size_t>(n);
+    const float *held = given + 5, *gains = given + 2;
+    std::vector<float> x(given, given + n + 1), line(held, held + n + 1);
+    table().exchangeWithGain(x.data(), line.data(), gains, n);
+    for (std::size_t i = 0; i < count; ++i) {
+      ASSERT_TRUE(sameBits(x[i], gains[i] * held[i])) << where;
+      ASSERT_TRUE(sameBits(line[i], given[i])) << where;
+    }
+    ASSERT_TRUE(sameBits(x[count], given[n])) << where;
+    ASSERT_TRUE(sameBits(line[count], held[n])) << where;
+  });
 }
 
 TEST(Kernels, TheChosenTableIsTheLastRunnableOne) {

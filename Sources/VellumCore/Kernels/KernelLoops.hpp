@@ -230,9 +230,58 @@ float oversampledPeaks(const PolyphaseFolds& folds, const float* work, float* pe
                : oversampledPeaksOf<false>(folds, work, peaks, n);
 }
 
+// `peak`, or a phase's magnitude where that is greater, at one position or at the positions of one vector.
+template <typename Value, Value (*at)(const float*)>
+inline Value raisedToTapPeak(Value peak, const PolyphaseTaps& t, const float* w) {
+  Value first{}, second{}, third{};
+  for (int k = 0; k < 12; ++k) {
+    const Value sample = at(w + k);
+    first += t.taps[0][k] * sample;
+    second += t.taps[1][k] * sample;
+    third += t.taps[2][k] * sample;
+  }
+  const Value phases[] = {at(w + 6), first, second, third};
+  for (const Value& phase : phases) peak = greater(peak, magnitude(phase));
+  return peak;
+}
+
+void raiseToTapPeaks(const PolyphaseTaps& taps, const float* work, float* peaks, std::int64_t n) {
+  const PolyphaseTaps t = taps;
+  std::int64_t i = 0;
+  for (; i + vectorWidth <= n; i += vectorWidth)
+    store(peaks + i, raisedToTapPeak<Vector, load>(load(peaks + i), t, work + i));
+  for (; i < n; ++i) peaks[i] = raisedToTapPeak<float, single>(peaks[i], t, work + i);
+}
+
+// --- Limiter ---------------------------------------------------------------------------------------------
+
+void ceilingGains(float ceiling, float* x, std::int64_t n) {
+  std::int64_t i = 0;
+  for (; i + vectorWidth <= n; i += vectorWidth) {
+    const Vector peaks = load(x + i);
+    store(x + i, ceiling < peaks ? ceiling / peaks : Vector{} + 1.0f);
+  }
+  for (; i < n; ++i) x[i] = ceiling < x[i] ? ceiling / x[i] : 1.0f;
+}
+
+void exchangeWithGain(float* x, float* line, const float* gains, std::int64_t n) {
+  std::int64_t i = 0;
+  for (; i + vectorWidth <= n; i += vectorWidth) {
+    const Vector sample = load(x + i);
+    store(x + i, load(gains + i) * load(line + i));
+    store(line + i, sample);
+  }
+  for (; i < n; ++i) {
+    const float sample = x[i];
+    x[i] = gains[i] * line[i];
+    line[i] = sample;
+  }
+}
+
 constexpr KernelTable tableNamed(const char* name) {
-  return {name,  sum,      sumOfSquares, peakMagnitude,   nonFiniteCount,  add,
-          scale, multiply, power,        kWeightedEnergy, oversampledPeaks};
+  return {
+      name,     sum,   sumOfSquares,    peakMagnitude,    nonFiniteCount,  add,          scale,
+      multiply, power, kWeightedEnergy, oversampledPeaks, raiseToTapPeaks, ceilingGains, exchangeWithGain};
 }
 
 }  // namespace
