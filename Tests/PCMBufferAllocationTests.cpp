@@ -9,6 +9,8 @@
 #include <fstream>
 #include <limits>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -66,6 +68,18 @@ TEST(AudioFormat, PlanarFloatIsFourBytesAFrame) {
   const AudioFormat format = AudioFormat::planarFloat(96000, 3);
   EXPECT_EQ(format, (AudioFormat{96000, 3, false, 4}));
   EXPECT_NE(format, (AudioFormat{96000, 3, true, 4}));
+}
+
+TEST(AudioFormat, FormatsWithDifferentLayoutsDiffer) {
+  const AudioFormat plain = AudioFormat::planarFloat(48000, 2);
+  EXPECT_EQ(plain.channelLayout, std::nullopt);
+  const auto with = [](const AudioChannelLayout& layout) {
+    return AudioFormat::planarFloat(48000, 2, layout);
+  };
+  EXPECT_NE(with({}), plain);
+  EXPECT_EQ(with(AudioChannelLayout::ofLabels({1, 2})), with(AudioChannelLayout::ofLabels({1, 2})));
+  EXPECT_NE(with(AudioChannelLayout::ofLabels({1, 2})), with(AudioChannelLayout::ofLabels({2, 1})));
+  EXPECT_NE(with(AudioChannelLayout::ofLabels({1, 2})), with(AudioChannelLayout::ofTag(101 << 16 | 2)));
 }
 
 // --- Arithmetic ------------------------------------------------------------------------------------------
@@ -209,6 +223,68 @@ TEST(PCMBufferAllocation, MakeIsAbsentForSizesThatCannotBe) {
   EXPECT_FALSE(make(interleaved(2, 8), 536'870'912));
   EXPECT_FALSE(make(planar(1, 2), largestUInt));
   EXPECT_FALSE(make(planar(largestUInt, 1), largestUInt));
+}
+
+TEST(PCMBuffer, CapacityIsWhatEveryBufferHasRoomFor) {
+  EXPECT_EQ(make(planar(3), 1000)->frameCapacity(), 1000);
+  EXPECT_EQ(make(interleaved(3, 12), 1000)->frameCapacity(), 1000);
+  EXPECT_EQ(make(planar(1, 1), 5)->frameCapacity(), 5);
+  EXPECT_EQ(makeUnbounded(planar(2), 2, 39)->frameCapacity(), 9);
+  EXPECT_EQ(makeUnbounded(planar(2), 0, 40)->frameCapacity(), 0);
+  EXPECT_EQ(makeUnbounded(planar(2, 0), 2, 40)->frameCapacity(), 0);
+  std::vector<PCMBuffer::Buffer> buffers;
+  for (const std::uint32_t byteSize : {40u, 20u, 60u}) buffers.push_back({1, byteSize, nullptr});
+  EXPECT_EQ(PCMBuffer(planar(3), std::move(buffers)).frameCapacity(), 5);
+}
+
+TEST(PCMBuffer, ANewBufferHoldsNoFramesUntilTold) {
+  std::optional<PCMBuffer> made = make(planar(2), 10);
+  ASSERT_TRUE(made);
+  EXPECT_EQ(made->frameLength(), 0);
+  for (const std::int64_t frames : {10, 0, 7}) {
+    made->setFrameLength(frames);
+    EXPECT_EQ(made->frameLength(), frames);
+  }
+}
+
+TEST(PCMBuffer, AFrameLengthOutsideOfTheCapacityStopsTheProgram) {
+  std::optional<PCMBuffer> made = make(planar(2), 10);
+  ASSERT_TRUE(made);
+  EXPECT_DEATH(made->setFrameLength(11), "frameLength must be 0 to frameCapacity");
+  EXPECT_DEATH(made->setFrameLength(-1), "frameLength must be 0 to frameCapacity");
+}
+
+TEST(PCMBuffer, FloatChannelsOfPlanarAudioAreItsBuffers) {
+  std::optional<PCMBuffer> made = make(planar(3), 10);
+  ASSERT_TRUE(made);
+  EXPECT_EQ(made->stride(), 1);
+  const auto channels = made->floatChannelData();
+  ASSERT_TRUE(channels);
+  ASSERT_EQ(channels->size(), 3u);
+  for (std::size_t c = 0; c < 3; ++c) {
+    EXPECT_EQ((*channels)[c], made->floats(c).data());
+    EXPECT_EQ((*std::as_const(*made).floatChannelData())[c], made->floats(c).data());
+  }
+}
+
+TEST(PCMBuffer, FloatChannelsOfInterleavedAudioAreOneSampleApart) {
+  std::optional<PCMBuffer> made = make(interleaved(3, 12), 10);
+  ASSERT_TRUE(made);
+  EXPECT_EQ(made->stride(), 3);
+  const auto channels = made->floatChannelData();
+  ASSERT_TRUE(channels);
+  ASSERT_EQ(channels->size(), 3u);
+  for (std::size_t c = 0; c < 3; ++c) EXPECT_EQ((*channels)[c], made->floats(0).data() + c);
+}
+
+TEST(PCMBuffer, BuffersThatAreNoFloatFramesHaveNoFloatChannels) {
+  EXPECT_FALSE(make(planar(2, 2), 10)->floatChannelData());
+  EXPECT_FALSE(make(planar(2, 8), 10)->floatChannelData());
+  EXPECT_FALSE(make(interleaved(2, 4), 10)->floatChannelData());
+  EXPECT_FALSE(make(interleaved(2, 16), 10)->floatChannelData());
+  EXPECT_FALSE(makeUnbounded(planar(2), 3, 40)->floatChannelData());
+  EXPECT_FALSE(makeUnbounded(planar(2), 1, 40)->floatChannelData());
+  EXPECT_FALSE(makeUnbounded(interleaved(2, 8), 2, 40)->floatChannelData());
 }
 
 // 1,025 buffers of 4 MiB. Memory that nobody touches is not taken from the machine.

@@ -1,5 +1,6 @@
 #include "VellumCore/PCMBufferAllocation.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <limits>
@@ -12,6 +13,18 @@ void PCMBuffer::Buffer::Free::operator()(void* memory) const {
   std::free(memory);
 }
 
+std::int64_t PCMBuffer::frameCapacity() const {
+  if (buffers_.empty() || format_.bytesPerFrame == 0) return 0;
+  const auto isSmaller = [](const Buffer& a, const Buffer& b) { return a.byteSize < b.byteSize; };
+  return std::min_element(buffers_.begin(), buffers_.end(), isSmaller)->byteSize / format_.bytesPerFrame;
+}
+
+void PCMBuffer::setFrameLength(std::int64_t frameLength) {
+  VELLUM_REQUIRE(frameLength >= 0 && frameLength <= frameCapacity(),
+                 "PCMBuffer: frameLength must be 0 to frameCapacity");
+  frameLength_ = frameLength;
+}
+
 std::span<float> PCMBuffer::floats(std::size_t buffer) {
   VELLUM_REQUIRE(buffer < buffers_.size(), "PCMBuffer: no such buffer");
   return {static_cast<float*>(buffers_[buffer].data.get()), buffers_[buffer].byteSize / sizeof(float)};
@@ -20,6 +33,24 @@ std::span<float> PCMBuffer::floats(std::size_t buffer) {
 std::span<const float> PCMBuffer::floats(std::size_t buffer) const {
   VELLUM_REQUIRE(buffer < buffers_.size(), "PCMBuffer: no such buffer");
   return {static_cast<const float*>(buffers_[buffer].data.get()), buffers_[buffer].byteSize / sizeof(float)};
+}
+
+std::optional<std::vector<float*>> PCMBuffer::floatChannelData() {
+  const auto readable = std::as_const(*this).floatChannelData();
+  if (!readable) return {};
+  std::vector<float*> channels;
+  for (const float* channel : *readable) channels.push_back(const_cast<float*>(channel));  // our own memory
+  return channels;
+}
+
+std::optional<std::vector<const float*>> PCMBuffer::floatChannelData() const {
+  if (format_.bytesPerFrame != stride() * std::int64_t{sizeof(float)} ||
+      static_cast<std::int64_t>(buffers_.size()) != format_.bufferCount())
+    return {};
+  std::vector<const float*> channels;
+  for (std::size_t c = 0; c < format_.channelCount; ++c)
+    channels.push_back(format_.isInterleaved ? floats(0).data() + c : floats(c).data());
+  return channels;
 }
 
 namespace PCMBufferAllocation {

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "VellumCore/AudioChannelLayout.hpp"
+
 namespace vellum {
 
 // How PCM audio lies in memory. Planar audio has one buffer per channel, interleaved audio one in all.
@@ -15,17 +17,20 @@ struct AudioFormat {
   std::uint32_t channelCount;
   bool isInterleaved;
   std::uint32_t bytesPerFrame;  // of one buffer
+  std::optional<AudioChannelLayout> channelLayout = {};
 
-  // 32-bit float samples, one buffer per channel.
-  static AudioFormat planarFloat(double sampleRate, std::uint32_t channelCount) {
-    return {sampleRate, channelCount, false, sizeof(float)};
+  // The standard format: 32-bit float samples, one buffer per channel.
+  static AudioFormat planarFloat(double sampleRate, std::uint32_t channelCount,
+                                 std::optional<AudioChannelLayout> channelLayout = {}) {
+    return {sampleRate, channelCount, false, sizeof(float), std::move(channelLayout)};
   }
 
   std::int64_t bufferCount() const { return isInterleaved ? 1 : channelCount; }
   friend bool operator==(const AudioFormat&, const AudioFormat&) = default;
 };
 
-// PCM audio of one format in zeroed memory. Its buffers may exceed 4 GiB together, not one by one.
+// PCM audio of one format in zeroed memory. Its buffers may exceed 4 GiB together, not one by one. Of the
+// frames that it has room for, the first frameLength() are audio; a new buffer has none.
 class PCMBuffer {
  public:
   struct Buffer {
@@ -37,18 +42,30 @@ class PCMBuffer {
     std::unique_ptr<void, Free> data;
   };
 
-  PCMBuffer(const AudioFormat& format, std::vector<Buffer> buffers)
-      : format_(format), buffers_(std::move(buffers)) {}
+  PCMBuffer(AudioFormat format, std::vector<Buffer> buffers)
+      : format_(std::move(format)), buffers_(std::move(buffers)) {}
 
   const AudioFormat& format() const { return format_; }
   std::span<const Buffer> buffers() const { return buffers_; }
+
+  std::int64_t frameCapacity() const;  // whole frames that every buffer has room for
+  std::int64_t frameLength() const { return frameLength_; }
+  void setFrameLength(std::int64_t frameLength);  // 0 to frameCapacity()
+
   // The samples of one buffer, as 32-bit floats.
   std::span<float> floats(std::size_t buffer);
   std::span<const float> floats(std::size_t buffer) const;
 
+  // Where each channel's first sample is; the following ones are stride() samples apart. Absent where the
+  // buffers do not hold one 32-bit float per channel and frame, or are not as many as the format has.
+  std::optional<std::vector<float*>> floatChannelData();
+  std::optional<std::vector<const float*>> floatChannelData() const;
+  std::int64_t stride() const { return format_.isInterleaved ? format_.channelCount : 1; }
+
  private:
   AudioFormat format_;
   std::vector<Buffer> buffers_;
+  std::int64_t frameLength_ = 0;
 };
 
 // Whether a PCM buffer of a given length can be made, and making it. Sizes follow the audio buffer with a
