@@ -14,7 +14,9 @@
 #include <string_view>
 #include <utility>
 
+#include "VellumApp/ChannelMaps.hpp"
 #include "VellumApp/Descriptor.hpp"
+#include "VellumApp/MetadataForms.hpp"
 #include "VellumApp/TimeText.hpp"
 #include "VellumCore/LoudnessProcessor.hpp"
 #include "VellumCore/Support/Require.hpp"
@@ -145,6 +147,40 @@ std::string_view containerName(const Format& format) {
   }
 }
 
+AudioMetadata::Family familyOf(const Format& format) {
+  if (format.isWAVE()) return AudioMetadata::Family::riff;
+  switch (format.container) {
+    case SF_FORMAT_AIFF:
+      return AudioMetadata::Family::aiff;
+    case SF_FORMAT_CAF:
+      return AudioMetadata::Family::caf;
+    case SF_FORMAT_FLAC:
+      return AudioMetadata::Family::flac;
+    default:
+      return AudioMetadata::Family::none;
+  }
+}
+
+// Tags as far as libsndfile reads them.
+std::map<AudioTag, std::string> tagsOf(SNDFILE* file) {
+  constexpr std::array<std::pair<int, AudioTag>, 10> words = {{
+      {SF_STR_TITLE, AudioTag::title},
+      {SF_STR_ARTIST, AudioTag::artist},
+      {SF_STR_ALBUM, AudioTag::album},
+      {SF_STR_DATE, AudioTag::date},
+      {SF_STR_COMMENT, AudioTag::comment},
+      {SF_STR_GENRE, AudioTag::genre},
+      {SF_STR_TRACKNUMBER, AudioTag::trackNumber},
+      {SF_STR_COPYRIGHT, AudioTag::copyright},
+      {SF_STR_LICENSE, AudioTag::license},
+      {SF_STR_SOFTWARE, AudioTag::software},
+  }};
+  std::map<AudioTag, std::string> tags;
+  for (const auto& [word, tag] : words)
+    if (const char* text = sf_get_string(file, word); text && *text) tags.emplace(tag, text);
+  return tags;
+}
+
 struct Coding {
   int coding;  // SF_FORMAT_...
   std::string_view name;
@@ -180,6 +216,48 @@ const Coding* findCoding(int coding) {
   return found == codings.end() ? nullptr : &*found;
 }
 
+// Width of integers that 32-bit floats hold exactly, 0 for any other coding.
+std::int64_t exactIntegerBits(int coding) {
+  switch (coding) {
+    case SF_FORMAT_PCM_S8:
+    case SF_FORMAT_PCM_U8:
+      return 8;
+    case SF_FORMAT_PCM_16:
+    case SF_FORMAT_ALAC_16:
+      return 16;
+    case SF_FORMAT_PCM_24:
+    case SF_FORMAT_ALAC_20:
+    case SF_FORMAT_ALAC_24:
+      return 24;
+    default:
+      return 0;
+  }
+}
+
+bool isLossless(int coding) {
+  return exactIntegerBits(coding) > 0 || coding == SF_FORMAT_PCM_32 || coding == SF_FORMAT_ALAC_32 ||
+         coding == SF_FORMAT_FLOAT || coding == SF_FORMAT_DOUBLE;
+}
+
+std::optional<Container> writableContainer(const Format& format) {
+  switch (format.container) {
+    case SF_FORMAT_WAV:
+    case SF_FORMAT_WAVEX:
+    case SF_FORMAT_W64:
+      return Container::wav;
+    case SF_FORMAT_RF64:
+      return Container::rf64;
+    case SF_FORMAT_AIFF:
+      return Container::aiff;
+    case SF_FORMAT_CAF:
+      return Container::caf;
+    case SF_FORMAT_FLAC:
+      return Container::flac;
+    default:
+      return {};
+  }
+}
+
 std::string formatNameOf(const Format& format) {
   if (format.coding == SF_FORMAT_MPEG_LAYER_III) return "MP3";
   std::string name(containerName(format));
@@ -187,77 +265,51 @@ std::string formatNameOf(const Format& format) {
   return name;
 }
 
-// A channel map entry in our labels. In WAVE files "rear" is the speaker mask's back pair and "side" the
-// surround pair; in CAF and AIFF files they are the surround pair and the direct surround pair.
+// An entry of a WAVE file's channel map in our labels: "rear" is the speaker mask's back pair, "side" the
+// surround pair.
 struct MapEntry {
   int entry;  // SF_CHANNEL_MAP_...
-  AudioChannelLabel inWAVE, elsewhere;
+  AudioChannelLabel label;
 };
 
 constexpr std::array<MapEntry, 22> mapEntries = {{
-    {SF_CHANNEL_MAP_MONO, 42, 42},
-    {SF_CHANNEL_MAP_LEFT, 1, 1},
-    {SF_CHANNEL_MAP_FRONT_LEFT, 1, 1},
-    {SF_CHANNEL_MAP_RIGHT, 2, 2},
-    {SF_CHANNEL_MAP_FRONT_RIGHT, 2, 2},
-    {SF_CHANNEL_MAP_CENTER, 3, 3},
-    {SF_CHANNEL_MAP_FRONT_CENTER, 3, 3},
-    {SF_CHANNEL_MAP_LFE, 4, 4},
-    {SF_CHANNEL_MAP_FRONT_LEFT_OF_CENTER, 7, 7},
-    {SF_CHANNEL_MAP_FRONT_RIGHT_OF_CENTER, 8, 8},
-    {SF_CHANNEL_MAP_REAR_CENTER, 9, 9},
-    {SF_CHANNEL_MAP_REAR_LEFT, 33, 5},
-    {SF_CHANNEL_MAP_REAR_RIGHT, 34, 6},
-    {SF_CHANNEL_MAP_SIDE_LEFT, 5, 10},
-    {SF_CHANNEL_MAP_SIDE_RIGHT, 6, 11},
-    {SF_CHANNEL_MAP_TOP_CENTER, 12, 12},
-    {SF_CHANNEL_MAP_TOP_FRONT_LEFT, 13, 13},
-    {SF_CHANNEL_MAP_TOP_FRONT_CENTER, 14, 14},
-    {SF_CHANNEL_MAP_TOP_FRONT_RIGHT, 15, 15},
-    {SF_CHANNEL_MAP_TOP_REAR_LEFT, 16, 16},
-    {SF_CHANNEL_MAP_TOP_REAR_CENTER, 17, 17},
-    {SF_CHANNEL_MAP_TOP_REAR_RIGHT, 18, 18},
+    {SF_CHANNEL_MAP_MONO, 42},
+    {SF_CHANNEL_MAP_LEFT, 1},
+    {SF_CHANNEL_MAP_FRONT_LEFT, 1},
+    {SF_CHANNEL_MAP_RIGHT, 2},
+    {SF_CHANNEL_MAP_FRONT_RIGHT, 2},
+    {SF_CHANNEL_MAP_CENTER, 3},
+    {SF_CHANNEL_MAP_FRONT_CENTER, 3},
+    {SF_CHANNEL_MAP_LFE, 4},
+    {SF_CHANNEL_MAP_FRONT_LEFT_OF_CENTER, 7},
+    {SF_CHANNEL_MAP_FRONT_RIGHT_OF_CENTER, 8},
+    {SF_CHANNEL_MAP_REAR_CENTER, 9},
+    {SF_CHANNEL_MAP_REAR_LEFT, 33},
+    {SF_CHANNEL_MAP_REAR_RIGHT, 34},
+    {SF_CHANNEL_MAP_SIDE_LEFT, 5},
+    {SF_CHANNEL_MAP_SIDE_RIGHT, 6},
+    {SF_CHANNEL_MAP_TOP_CENTER, 12},
+    {SF_CHANNEL_MAP_TOP_FRONT_LEFT, 13},
+    {SF_CHANNEL_MAP_TOP_FRONT_CENTER, 14},
+    {SF_CHANNEL_MAP_TOP_FRONT_RIGHT, 15},
+    {SF_CHANNEL_MAP_TOP_REAR_LEFT, 16},
+    {SF_CHANNEL_MAP_TOP_REAR_CENTER, 17},
+    {SF_CHANNEL_MAP_TOP_REAR_RIGHT, 18},
 }};
 
-// Labels from the file's own channel map; none if an entry is unknown or stands there twice.
-std::vector<AudioChannelLabel> labelsOfMap(SNDFILE* file, int channelCount, bool isWAVE) {
+// Labels from a WAVE file's channel map; none if an entry is unknown or stands there twice.
+ChannelMaps::Labels labelsOfMap(SNDFILE* file, int channelCount) {
   std::vector<int> map(static_cast<std::size_t>(channelCount));
   const int bytes = static_cast<int>(map.size() * sizeof(int));
   if (sf_command(file, SFC_GET_CHANNEL_MAP_INFO, map.data(), bytes) != SF_TRUE) return {};
-  std::vector<AudioChannelLabel> labels;
+  ChannelMaps::Labels labels;
   for (const int wanted : map) {
     const auto found = std::find_if(mapEntries.begin(), mapEntries.end(),
                                     [=](const MapEntry& known) { return known.entry == wanted; });
     if (found == mapEntries.end()) return {};
-    const AudioChannelLabel label = isWAVE ? found->inWAVE : found->elsewhere;
-    if (std::find(labels.begin(), labels.end(), label) != labels.end()) return {};
-    labels.push_back(label);
+    labels.push_back(found->label);
   }
-  return labels;
-}
-
-// FLAC, Vorbis and Opus have one order for each channel count, and samples arrive in it.
-std::vector<AudioChannelLabel> labelsByCount(const Format& format, int channelCount) {
-  using Orders = std::vector<std::vector<AudioChannelLabel>>;
-  static const Orders flac = {{42},
-                              {1, 2},
-                              {1, 2, 3},
-                              {1, 2, 33, 34},
-                              {1, 2, 3, 33, 34},
-                              {1, 2, 3, 4, 33, 34},
-                              {1, 2, 3, 4, 9, 5, 6},
-                              {1, 2, 3, 4, 33, 34, 5, 6}};
-  static const Orders vorbis = {{42},
-                                {1, 2},
-                                {1, 3, 2},
-                                {1, 2, 33, 34},
-                                {1, 3, 2, 33, 34},
-                                {1, 3, 2, 33, 34, 4},
-                                {1, 3, 2, 5, 6, 9, 4},
-                                {1, 3, 2, 5, 6, 33, 34, 4}};
-  const Orders& orders = format.isFLAC() ? flac : vorbis;
-  const auto count = static_cast<std::size_t>(channelCount);
-  return count <= orders.size() ? orders[count - 1] : std::vector<AudioChannelLabel>{};
+  return ChannelMaps::isMap(labels) ? labels : ChannelMaps::Labels{};
 }
 
 std::uint64_t littleEndian(const unsigned char* bytes, int count) {
@@ -301,6 +353,30 @@ std::optional<Chunk> findChunk(SNDFILE* file, const char* id, std::size_t wanted
   info.data = chunk.start.data();
   if (wantedBytes > 0 && sf_get_chunk_data(iterator, &info) != SF_ERR_NO_ERROR) return {};
   return chunk;
+}
+
+// Labels from the chunk that AIFF calls CHAN and CAF chan. libsndfile reads only some of its forms.
+ChannelMaps::Labels labelsOfChunk(SNDFILE* file, const char* id, int channelCount) {
+  const auto chunk = findChunk(file, id, ChannelMaps::channelChunkBytes(channelCount));
+  if (!chunk) return {};
+  const std::string bytes(chunk->start.begin(), chunk->start.end());
+  return ChannelMaps::labelsOfChannelChunk(bytes, channelCount);
+}
+
+// One label per channel; none where the file does not tell.
+ChannelMaps::Labels labelsOf(SNDFILE* file, const Format& format, int channelCount) {
+  switch (format.container) {
+    case SF_FORMAT_FLAC:
+      return ChannelMaps::flacOrder(channelCount);
+    case SF_FORMAT_OGG:
+      return ChannelMaps::vorbisOrder(channelCount);
+    case SF_FORMAT_AIFF:
+      return labelsOfChunk(file, "CHAN", channelCount);
+    case SF_FORMAT_CAF:
+      return labelsOfChunk(file, "chan", channelCount);
+    default:
+      return labelsOfMap(file, channelCount);
+  }
 }
 
 // Writers that cannot go back to their header leave a size near one of these there.
@@ -383,8 +459,7 @@ struct AudioFile::Decoder {
                       " Hz is outside of 5 to 1,000,000 Hz");
     formatName = formatNameOf(format);
     claimedFrameCount = claimedFrames(file.get(), info, format, source);
-    labels = format.isFLAC() || format.isOgg() ? labelsByCount(format, info.channels)
-                                               : labelsOfMap(file.get(), info.channels, format.isWAVE());
+    labels = labelsOf(file.get(), format, info.channels);
   }
 
   std::int64_t channelCount() const { return info.channels; }
@@ -487,6 +562,27 @@ std::optional<std::int64_t> AudioFile::claimedFrameCount() const {
 }
 const std::vector<AudioChannelLabel>& AudioFile::channelLabels() const {
   return decoder_->labels;
+}
+bool AudioFile::isLossy() const {
+  return !isLossless(decoder_->format.coding);
+}
+std::int64_t AudioFile::integerBits() const {
+  return exactIntegerBits(decoder_->format.coding);
+}
+std::optional<AudioFileFormat> AudioFile::writableFormat() const {
+  const auto container = writableContainer(decoder_->format);
+  if (!container || isLossy()) return {};
+  const std::int64_t bits = integerBits();
+  const SampleCoding coding = bits == 0   ? SampleCoding::float32
+                              : bits > 16 ? SampleCoding::pcm24
+                                          : SampleCoding::pcm16;
+  return AudioFileFormat{*container, coding};
+}
+AudioMetadata AudioFile::metadata() const {
+  const AudioMetadata::Family family = familyOf(decoder_->format);
+  AudioMetadata metadata = MetadataForms::read(decoder_->source.file.get(), family);
+  if (family == AudioMetadata::Family::none) metadata.tags = tagsOf(decoder_->file.get());
+  return metadata;
 }
 std::int64_t AudioFile::position() const {
   return decoder_->position;

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "VellumApp/AudioFileFormat.hpp"
+#include "VellumApp/AudioMetadata.hpp"
 #include "VellumApp/FileError.hpp"
 #include "VellumCore/ChannelOrder.hpp"
 
@@ -35,6 +37,15 @@ class AudioFile {
   std::optional<std::int64_t> claimedFrameCount() const;
   // One label per channel in the file's order; empty where the file does not tell.
   const std::vector<AudioChannelLabel>& channelLabels() const;
+  bool isLossy() const;
+  // Width of the file's integers where read() gives them exactly, as integer / 2^(bits-1): 8, 16 or 24. 0
+  // where samples are floating, lossy, or wider than a 32-bit float holds.
+  std::int64_t integerBits() const;
+  // The format to write that keeps the samples as read() gives them: 8-bit becomes 16-bit; 32-bit integers
+  // and 64-bit floats become 32-bit floats; W64 becomes WAV; ALAC becomes PCM. Absent for lossy files.
+  std::optional<AudioFileFormat> writableFormat() const;
+  // Tags, markers and whatever else the file carries along. Does not move position().
+  AudioMetadata metadata() const;
 
   // Decodes the next frames into one buffer per channel, each with room for frameCount; a null buffer drops
   // its channel. Returns how many frames there were; 0 is the end. What stands before damage is returned

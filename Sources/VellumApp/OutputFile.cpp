@@ -2,9 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <random>
@@ -30,6 +33,17 @@ FileError writeError(int error) {
     default:
       return FileError("it cannot be written: " + systemErrorText(error));
   }
+}
+
+// "1.2 GB".
+std::string sizeText(double bytes) {
+  constexpr std::array<const char*, 5> units = {" bytes", " kB", " MB", " GB", " TB"};
+  std::size_t unit = 0;
+  for (; bytes >= 1000 && unit + 1 < units.size(); ++unit) bytes /= 1000;
+  const auto tenths = static_cast<std::int64_t>(bytes * 10);
+  std::string text = std::to_string(tenths / 10);
+  if (unit > 0 && tenths < 1000) text += "." + std::to_string(tenths % 10);
+  return text + units[unit];
 }
 
 Path followLinks(Path path) {
@@ -59,10 +73,13 @@ Path temporaryNameBeside(const Path& target) {
   return target.parent_path() / name;
 }
 
+Path folderOf(const Path& path) {
+  return path.has_parent_path() ? path.parent_path() : Path(".");
+}
+
 // So that the new name survives a power cut. Not every file system can; the file itself is safe by then.
 void syncFolderOf(const Path& path) {
-  const Path folder = path.has_parent_path() ? path.parent_path() : Path(".");
-  const Descriptor directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor directory(::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory) ::fsync(directory.get());
 }
 
@@ -82,6 +99,15 @@ bool renameWithoutReplacing(const Path& from, const Path& to) {
   return ::rename(from.c_str(), to.c_str()) == 0;
 }
 
+// Where this process finds a file that has no name.
+Path pathOfDescriptor(const Descriptor& file) {
+  return "/proc/self/fd/" + std::to_string(file.get());
+}
+
+bool giveName(const Path& nameless, const Path& name) {
+  return ::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
 }  // namespace
 
 OutputFile::OutputFile(const Settings& settings)
@@ -97,18 +123,26 @@ OutputFile::OutputFile(const Settings& settings)
     if (::access(target_.c_str(), W_OK) != 0) throw writeError(errno);
   }
 
-  temporary_ = temporaryNameBeside(target_);
-  file_ = Descriptor(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-  if (!file_) {
-    const int error = errno;
-    temporary_.clear();
-    throw writeError(error);
-  }
+  openTemporary();
   if (existing) ::fchmod(file_.get(), existing->st_mode & 07777);
 }
 
 OutputFile::~OutputFile() {
-  if (!temporary_.empty()) ::unlink(temporary_.c_str());
+  if (hasName_) ::unlink(temporary_.c_str());
+}
+
+void OutputFile::openTemporary() {
+  const Path folder = folderOf(target_);
+  file_ = Descriptor(::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666));
+  if (file_) {
+    temporary_ = pathOfDescriptor(file_);
+    struct stat status;
+    if (::stat(temporary_.c_str(), &status) == 0) return;
+  }
+  temporary_ = temporaryNameBeside(target_);
+  file_ = Descriptor(::open(temporary_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+  if (!file_) throw writeError(errno);
+  hasName_ = true;
 }
 
 void OutputFile::write(std::string_view bytes) {
@@ -120,15 +154,52 @@ void OutputFile::write(std::string_view bytes) {
   }
 }
 
+void OutputFile::writeAt(std::int64_t position, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::pwrite(file_.get(), bytes.data(), bytes.size(), position);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) throw writeError(errno);
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+    position += written;
+  }
+}
+
+void OutputFile::requireSpace(std::int64_t bytes) const {
+  struct statvfs status;
+  if (::fstatvfs(file_.get(), &status) != 0 || status.f_blocks == 0) return;  // it does not tell
+  const double free = static_cast<double>(status.f_bavail) * static_cast<double>(status.f_frsize);
+  if (static_cast<double>(bytes) > free)
+    throw FileError("there is too little space for it: it needs " + sizeText(static_cast<double>(bytes)) +
+                    ", and " + sizeText(free) + " are free");
+}
+
 void OutputFile::commit() {
-  if (::fsync(file_.get()) != 0 || file_.close() != 0) throw writeError(errno);
-  if (replacesExisting_ ? ::rename(temporary_.c_str(), target_.c_str()) != 0
-                        : !renameWithoutReplacing(temporary_, target_)) {
+  if (::fsync(file_.get()) != 0) throw writeError(errno);
+  renameTemporary();
+  file_.close();
+  syncFolderOf(target_);
+}
+
+void OutputFile::renameTemporary() {
+  bool isDone = false;
+  if (!hasName_ && !replacesExisting_) {
+    isDone = giveName(temporary_, target_);
+  } else {
+    if (!hasName_) {
+      // Only a rename replaces a file, and it needs a name to start from.
+      const Path name = temporaryNameBeside(target_);
+      if (!giveName(temporary_, name)) throw writeError(errno);
+      temporary_ = name;
+      hasName_ = true;
+    }
+    isDone = replacesExisting_ ? ::rename(temporary_.c_str(), target_.c_str()) == 0
+                               : renameWithoutReplacing(temporary_, target_);
+  }
+  if (!isDone) {
     if (errno == EEXIST) throw FileExistsError();
     throw writeError(errno);
   }
-  temporary_.clear();
-  syncFolderOf(target_);
+  hasName_ = false;
 }
 
 }  // namespace vellum

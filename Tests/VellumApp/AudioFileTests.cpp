@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -507,6 +508,107 @@ TEST(AudioFile, SampleRatesThatTheMeterRefusesAreErrors) {
   EXPECT_EQ(errorAt(1'000'000), "no error");
   EXPECT_EQ(errorAt(4), "its sample rate of 4 Hz is outside of 5 to 1,000,000 Hz");
   EXPECT_EQ(errorAt(1'000'001), "its sample rate of 1000001 Hz is outside of 5 to 1,000,000 Hz");
+}
+
+struct CodingCase {
+  int format;  // SF_FORMAT_...
+  std::int64_t integerBits;
+  std::optional<AudioFileFormat> writable;
+};
+
+// Integers of every width that a float holds come out as integer / 2^(bits-1), both ends of the range
+// included.
+TEST(AudioFile, IntegersAreReadExactly) {
+  const std::vector<std::pair<int, int>> formats = {
+      {SF_FORMAT_WAV | SF_FORMAT_PCM_U8, 8},    {SF_FORMAT_AIFF | SF_FORMAT_PCM_S8, 8},
+      {SF_FORMAT_CAF | SF_FORMAT_PCM_S8, 8},    {SF_FORMAT_FLAC | SF_FORMAT_PCM_S8, 8},
+      {SF_FORMAT_WAV | SF_FORMAT_PCM_16, 16},   {SF_FORMAT_RF64 | SF_FORMAT_PCM_16, 16},
+      {SF_FORMAT_W64 | SF_FORMAT_PCM_16, 16},   {SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 16},
+      {SF_FORMAT_CAF | SF_FORMAT_PCM_16, 16},   {SF_FORMAT_CAF | SF_FORMAT_ALAC_16, 16},
+      {SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 16},  {SF_FORMAT_WAV | SF_FORMAT_PCM_24, 24},
+      {SF_FORMAT_WAVEX | SF_FORMAT_PCM_24, 24}, {SF_FORMAT_AIFF | SF_FORMAT_PCM_24, 24},
+      {SF_FORMAT_CAF | SF_FORMAT_PCM_24, 24},   {SF_FORMAT_CAF | SF_FORMAT_ALAC_24, 24},
+      {SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 24},
+  };
+  const TemporaryFolder folder;
+  std::mt19937 rng(9);
+  for (const auto& [format, bits] : formats) {
+    const std::int32_t scale = 1 << (bits - 1);
+    std::vector<std::int32_t> integers = {-scale, scale - 1, 0, 1, -1, scale / 2};
+    while (integers.size() < 20'000)
+      integers.push_back(static_cast<std::int32_t>(rng() >> (32 - bits)) - scale);
+    std::vector<int> leftAligned;
+    for (const std::int32_t integer : integers) leftAligned.push_back(integer * (1 << (32 - bits)));
+    SF_INFO info{};
+    info.samplerate = 48000;
+    info.channels = 1;
+    info.format = format;
+    SNDFILE* const out = sf_open((folder / "x").c_str(), SFM_WRITE, &info);
+    ASSERT_TRUE(out) << std::hex << format;
+    sf_write_int(out, leftAligned.data(), static_cast<sf_count_t>(leftAligned.size()));
+    sf_close(out);
+
+    AudioFile file(folder / "x");
+    EXPECT_EQ(file.integerBits(), bits) << std::hex << format;
+    const Audio read = readToEnd(file);
+    ASSERT_EQ(read.channels[0].size(), integers.size()) << std::hex << format;
+    for (std::size_t n = 0; n < integers.size(); ++n)
+      ASSERT_EQ(static_cast<double>(read.channels[0][n]) * scale, integers[n])
+          << std::hex << format << " " << n;
+  }
+}
+
+TEST(AudioFile, TellsWhatToWriteToKeepItAsItIs) {
+  constexpr SampleCoding pcm16 = SampleCoding::pcm16, pcm24 = SampleCoding::pcm24,
+                         float32 = SampleCoding::float32;
+  const std::vector<CodingCase> cases = {
+      {SF_FORMAT_WAV | SF_FORMAT_PCM_U8, 8, {{Container::wav, pcm16}}},
+      {SF_FORMAT_WAV | SF_FORMAT_PCM_16, 16, {{Container::wav, pcm16}}},
+      {SF_FORMAT_WAVEX | SF_FORMAT_PCM_24, 24, {{Container::wav, pcm24}}},
+      {SF_FORMAT_WAV | SF_FORMAT_PCM_32, 0, {{Container::wav, float32}}},
+      {SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, {{Container::wav, float32}}},
+      {SF_FORMAT_WAV | SF_FORMAT_DOUBLE, 0, {{Container::wav, float32}}},
+      {SF_FORMAT_RF64 | SF_FORMAT_PCM_24, 24, {{Container::rf64, pcm24}}},
+      {SF_FORMAT_W64 | SF_FORMAT_PCM_16, 16, {{Container::wav, pcm16}}},
+      {SF_FORMAT_AIFF | SF_FORMAT_PCM_S8, 8, {{Container::aiff, pcm16}}},
+      {SF_FORMAT_AIFF | SF_FORMAT_FLOAT, 0, {{Container::aiff, float32}}},
+      {SF_FORMAT_CAF | SF_FORMAT_PCM_24, 24, {{Container::caf, pcm24}}},
+      {SF_FORMAT_CAF | SF_FORMAT_ALAC_16, 16, {{Container::caf, pcm16}}},
+      {SF_FORMAT_CAF | SF_FORMAT_ALAC_20, 24, {{Container::caf, pcm24}}},
+      {SF_FORMAT_CAF | SF_FORMAT_ALAC_32, 0, {{Container::caf, float32}}},
+      {SF_FORMAT_FLAC | SF_FORMAT_PCM_S8, 8, {{Container::flac, pcm16}}},
+      {SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 24, {{Container::flac, pcm24}}},
+      {SF_FORMAT_WAV | SF_FORMAT_ULAW, 0, {}},
+      {SF_FORMAT_WAV | SF_FORMAT_ALAW, 0, {}},
+      {SF_FORMAT_WAV | SF_FORMAT_IMA_ADPCM, 0, {}},
+      {SF_FORMAT_WAV | SF_FORMAT_MS_ADPCM, 0, {}},
+      {SF_FORMAT_OGG | SF_FORMAT_VORBIS, 0, {}},
+      {SF_FORMAT_OGG | SF_FORMAT_OPUS, 0, {}},
+      {SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III, 0, {}},
+  };
+  const TemporaryFolder folder;
+  for (const CodingCase& one : cases) {
+    test::writeAudio(folder / "x", testAudio(2, 9600), 48000, {"x", one.format});
+    const AudioFile file(folder / "x");
+    EXPECT_EQ(file.integerBits(), one.integerBits) << file.formatName();
+    EXPECT_EQ(file.writableFormat(), one.writable) << file.formatName();
+    EXPECT_EQ(file.isLossy(), !one.writable) << file.formatName();
+  }
+}
+
+TEST(AudioFile, ReadingMetadataDoesNotMoveThePosition) {
+  const TemporaryFolder folder;
+  for (const FileKind& kind : test::allKinds()) {
+    const auto path = folder / ("x." + kind.extension);
+    test::writeAudio(path, testAudio(2, 20'000), 48000, kind);
+    AudioFile file(path);
+    AudioFile other(path);
+    readFrames(file, 5000);
+    readFrames(other, 5000);
+    file.metadata();
+    EXPECT_EQ(file.position(), 5000);
+    EXPECT_EQ(readToEnd(file).channels, readToEnd(other).channels) << kind.extension;
+  }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -195,6 +196,71 @@ TEST(OutputFile, AWriteThatFailsLeavesNothing) {
   EXPECT_TRUE(test::startsWith(replaced, "it cannot be written: "));
   EXPECT_EQ(folder.names(), Names{"old"});
   EXPECT_EQ(test::readBytes(folder / "old"), "old");
+}
+
+TEST(OutputFile, BytesAreWrittenOverOnesThatStandThere) {
+  const TemporaryFolder folder;
+  OutputFile file({folder / "x", keep, {}});
+  file.write("0123456789");
+  file.writeAt(2, "ab");
+  file.writeAt(9, "XY");    // over the end
+  file.writeAt(13, "end");  // and behind it
+  file.commit();
+  EXPECT_EQ(test::readBytes(folder / "x"), std::string("01ab45678XY\0\0end", 16));
+}
+
+TEST(OutputFile, WritingGoesOnWhereItWas) {
+  const TemporaryFolder folder;
+  OutputFile file({folder / "x", keep, {}});
+  file.write("0123");
+  file.writeAt(0, "ab");
+  file.write("45");
+  file.commit();
+  EXPECT_EQ(test::readBytes(folder / "x"), "ab2345");
+}
+
+TEST(OutputFile, CanBeReadBeforeItHasItsName) {
+  const TemporaryFolder folder;
+  OutputFile file({folder / "x", keep, {}});
+  file.write("text");
+  EXPECT_EQ(test::readBytes(file.temporaryPath()), "text");
+  EXPECT_FALSE(fs::exists(folder / "x"));
+}
+
+TEST(OutputFile, TooLittleSpaceIsToldInSizesForPeople) {
+  const TemporaryFolder folder;
+  const OutputFile file({folder / "x", keep, {}});
+  EXPECT_EQ(errorOf([&] { file.requireSpace(0); }), "no error");
+  EXPECT_EQ(errorOf([&] { file.requireSpace(1000); }), "no error");
+  const std::string error = errorOf([&] { file.requireSpace(4'200'000'000'000'000'000); });
+  EXPECT_TRUE(test::startsWith(error, "there is too little space for it: it needs 4200000 TB, and "));
+  EXPECT_EQ(error.substr(error.size() - 9), " are free");
+}
+
+TEST(OutputFile, AKilledProcessLeavesNothing) {
+  const TemporaryFolder folder;
+  test::writeBytes(folder / "old", "old");
+  int pipeEnds[2];
+  ASSERT_EQ(::pipe(pipeEnds), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    OutputFile fresh({folder / "new", keep, {}});
+    OutputFile replacement({folder / "old", replace, {}});
+    fresh.write("half");
+    replacement.write("half");
+    if (::write(pipeEnds[1], "x", 1) != 1) ::_exit(1);
+    ::pause();
+  }
+  char isUnderWay = 0;
+  ASSERT_EQ(::read(pipeEnds[0], &isUnderWay, 1), 1);
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  ::close(pipeEnds[0]);
+  ::close(pipeEnds[1]);
+  EXPECT_EQ(test::readBytes(folder / "old"), "old");
+  if (folder.names() != Names{"old"}) GTEST_SKIP() << "this file system has no files without a name";
+  EXPECT_EQ(folder.names(), Names{"old"});
 }
 
 }  // namespace

@@ -1,0 +1,309 @@
+#include "VellumApp/AudioFileWriter.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#include "VellumApp/ChannelMaps.hpp"
+#include "VellumApp/ContainerLayout.hpp"
+#include "VellumApp/FLACEncoder.hpp"
+#include "VellumApp/MetadataForms.hpp"
+#include "VellumCore/LoudnessProcessor.hpp"
+#include "VellumCore/Support/Require.hpp"
+
+namespace vellum {
+namespace {
+
+using Labels = std::vector<AudioChannelLabel>;
+
+struct AudioShape {
+  double sampleRate;
+  std::int64_t channelCount, frameCount;
+  std::span<const AudioChannelLabel> labels;
+};
+
+// At most 2^60: a length may be anything that a file claims.
+std::int64_t dataBytes(const AudioFileFormat& format, const AudioShape& shape) {
+  constexpr std::int64_t most = std::int64_t{1} << 60;
+  const std::int64_t frameBytes =
+      std::max<std::int64_t>(1, shape.channelCount * bytesPerSample(format.coding));
+  return std::min(shape.frameCount, most / frameBytes) * frameBytes;
+}
+
+// --- What a container cannot take ------------------------------------------------------------------------
+
+// ChannelOrder::bs1770Weight without its line on standard error: nothing is measured here.
+float weightOf(AudioChannelLabel label) {
+  switch (label) {
+    case 4:
+    case 37:
+      return 0;
+    case 5:
+    case 6:
+    case 10:
+    case 11:
+    case 33:
+    case 34:
+      return ChannelOrder::surroundWeight;
+    default:
+      return 1;
+  }
+}
+
+std::vector<float> weightsOf(std::span<const AudioChannelLabel> labels, std::int64_t channelCount) {
+  if (labels.empty()) return LoudnessProcessor::staticChannelWeights(channelCount);
+  std::vector<float> weights;
+  for (const AudioChannelLabel label : labels) weights.push_back(weightOf(label));
+  return weights;
+}
+
+// The labels that a written file is read back with.
+Labels labelsAsRead(Container container, const AudioShape& shape) {
+  if (container == Container::flac) return ChannelMaps::flacOrder(shape.channelCount);
+  if (!ChannelMaps::isMap(shape.labels)) return {};
+  const bool isWAV = container == Container::wav || container == Container::rf64;
+  if (isWAV && !speakerMask(shape.labels)) return {};
+  return {shape.labels.begin(), shape.labels.end()};
+}
+
+std::string orderText(std::span<const AudioChannelLabel> labels) {
+  std::string text;
+  for (const std::string& name : ChannelOrder::displayShortNames(labels))
+    text += (text.empty() ? "" : " ") + name;
+  return text;
+}
+
+std::string sizeText(std::int64_t bytes) {
+  const auto tenths = std::llround(static_cast<double>(bytes) / 1e8);
+  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " GB";
+}
+
+std::optional<std::string> ownReasonAgainst(const AudioFileFormat& format, const AudioShape& shape) {
+  constexpr std::int64_t mostChannels = 1024, mostFLACChannels = 8;
+  constexpr std::int64_t mostHeadBytes = 4096;  // without metadata
+  const std::string name(nameOf(format.container));
+  const bool isFLAC = format.container == Container::flac;
+  if (isFLAC && format.coding == SampleCoding::float32) return "FLAC has no floating-point samples";
+  if (const std::int64_t most = isFLAC ? mostFLACChannels : mostChannels; shape.channelCount > most)
+    return name + " files have at most " + std::to_string(most) + " channels, and this has " +
+           std::to_string(shape.channelCount);
+  if (isFLAC && !FLACEncoder::takesSampleRate(static_cast<std::int64_t>(shape.sampleRate)))
+    return "FLAC has no sample rate of " + std::to_string(static_cast<std::int64_t>(shape.sampleRate)) +
+           " Hz";
+  if (format.container == Container::aiff && dataBytes(format, shape) > largest32BitFile - mostHeadBytes)
+    return "AIFF files end at 4 GiB, and this has " + sizeText(dataBytes(format, shape)) + " of samples";
+  const Labels asRead = labelsAsRead(format.container, shape);
+  if (weightsOf(shape.labels, shape.channelCount) != weightsOf(asRead, shape.channelCount))
+    return shape.labels.empty()
+               ? name +
+                     " names every channel, and these have no names: their loudness would be read differently"
+               : name + " cannot name channels in the order " + orderText(shape.labels) +
+                     ": their loudness would be read differently";
+  return {};
+}
+
+std::optional<std::string> reasonWithWayOut(const AudioFileFormat& format, const AudioShape& shape) {
+  auto reason = ownReasonAgainst(format, shape);
+  if (!reason) return {};
+  std::string others;
+  for (const Container other : {Container::wav, Container::aiff, Container::caf, Container::flac})
+    if (!ownReasonAgainst({other, format.coding}, shape))
+      others += (others.empty() ? "" : ", ") + std::string(nameOf(other));
+  return others.empty() ? *reason : *reason + "; possible: " + others;
+}
+
+// How the names of channels change on the way through the file.
+std::optional<std::string> lossOfNames(Container container, const AudioShape& shape) {
+  const Labels labels(shape.labels.begin(), shape.labels.end()), asRead = labelsAsRead(container, shape);
+  const bool areUsual = labels.empty() || labels == Labels{42} || labels == Labels{1, 2};
+  if (areUsual || labels == asRead) return {};
+  return std::string(nameOf(container)) +
+         (asRead.empty() ? " cannot name the channels " + orderText(labels) + ": they are left without names"
+                         : " names the channels " + orderText(asRead) + " instead of " + orderText(labels));
+}
+
+// --- Samples ---------------------------------------------------------------------------------------------
+
+std::int32_t integerOf(float sample, double scale) {
+  const double value = std::round(static_cast<double>(sample) * scale);
+  return std::isnan(value) ? 0 : static_cast<std::int32_t>(std::clamp(value, -scale, scale - 1));
+}
+
+std::uint32_t bitsOf(float sample) {
+  std::uint32_t bits;
+  std::memcpy(&bits, &sample, sizeof bits);
+  return bits;
+}
+
+void store(char* bytes, std::uint32_t value, std::int64_t width, ByteOrder order) {
+  for (std::int64_t k = 0; k < width; ++k) {
+    const std::int64_t place = order == ByteOrder::little ? k : width - 1 - k;
+    bytes[place] = static_cast<char>(value >> (8 * k) & 0xFF);
+  }
+}
+
+}  // namespace
+
+std::optional<std::string> reasonAgainst(const AudioFileFormat& format, double sampleRate,
+                                         std::int64_t channelCount, std::int64_t frameCount,
+                                         std::span<const AudioChannelLabel> labels) {
+  return reasonWithWayOut(format, {sampleRate, channelCount, frameCount, labels});
+}
+
+struct AudioFileWriter::Encoder {
+  AudioFileFormat format;
+  std::int64_t sampleRate, channelCount, frameCount;
+  Labels labels;  // as they are written: none where the container cannot name them
+  MetadataForms::Spelling spelling;
+  OutputFile file;
+  std::unique_ptr<FLACEncoder> flac;
+  std::size_t headBytes = 0;
+  std::int64_t writtenFrames = 0;
+  bool isFinished = false;
+  std::vector<std::int32_t> integers;  // scratch
+  std::string bytes;                   // scratch
+
+  explicit Encoder(const Settings& settings)
+      : format(settings.format),
+        sampleRate(static_cast<std::int64_t>(settings.sampleRate)),
+        channelCount(settings.channelCount),
+        frameCount(settings.frameCount),
+        labels(labelsToWrite(settings)),
+        spelling(MetadataForms::spell(settings.metadata, settings.format.container)),
+        file(settings.output) {
+    if (const auto loss = lossOfNames(format.container, shapeOf(settings)))
+      spelling.losses.insert(spelling.losses.begin(), *loss);
+    if (format.container == Container::flac)
+      startFLAC();
+    else
+      startContainer();
+  }
+
+  static AudioShape shapeOf(const Settings& settings) {
+    return {settings.sampleRate, settings.channelCount, settings.frameCount, settings.channelLabels};
+  }
+
+  static Labels labelsToWrite(const Settings& settings) {
+    VELLUM_REQUIRE(settings.sampleRate >= 1 && settings.channelCount >= 1 && settings.frameCount >= 0,
+                   "AudioFileWriter: no such audio");
+    VELLUM_REQUIRE(settings.channelLabels.empty() ||
+                       static_cast<std::int64_t>(settings.channelLabels.size()) == settings.channelCount,
+                   "AudioFileWriter: one label per channel, or none at all");
+    const AudioShape shape = shapeOf(settings);
+    if (const auto reason = reasonWithWayOut(settings.format, shape)) throw FileError(*reason);
+    return labelsAsRead(settings.format.container, shape);
+  }
+
+  std::int64_t fileBytes(std::size_t head) const {
+    return static_cast<std::int64_t>(head) + dataBytes(format, {0, channelCount, frameCount, {}}) + 1;
+  }
+
+  void startFLAC() {
+    std::size_t head = 0;
+    for (const AudioMetadata::Chunk& block : spelling.chunks) head += block.bytes.size();
+    file.requireSpace(fileBytes(head));  // at most: the samples hardly ever fill it
+    flac = std::make_unique<FLACEncoder>(
+        FLACEncoder::Settings{file, format.coding, sampleRate, channelCount, spelling.chunks});
+  }
+
+  void startContainer() {
+    std::string head = layout().head;
+    const bool isLarge = fileBytes(head.size()) > largest32BitFile;
+    if (isLarge && format.container == Container::aiff)
+      throw FileError("AIFF files end at 4 GiB, and this is larger");
+    if (isLarge && format.container == Container::wav) {
+      format.container = Container::rf64;
+      head = layout().head;
+    }
+    headBytes = head.size();
+    file.requireSpace(fileBytes(headBytes));
+    file.write(head);
+  }
+
+  ContainerLayout layout() const {
+    return ContainerLayout::of({format, sampleRate, channelCount, frameCount, labels, spelling.chunks});
+  }
+
+  void writeIntegers(std::span<const float* const> channelData, std::int64_t from, std::int64_t frames) {
+    const double scale = std::ldexp(1.0, static_cast<int>(integerBits(format.coding) - 1));
+    integers.clear();
+    for (std::int64_t n = from; n < from + frames; ++n)
+      for (const float* channel : channelData) integers.push_back(integerOf(channel[n], scale));
+    if (flac) return flac->write(integers);
+    const std::int64_t width = bytesPerSample(format.coding);
+    bytes.resize(integers.size() * static_cast<std::size_t>(width));
+    char* out = bytes.data();
+    for (const std::int32_t integer : integers) {
+      store(out, static_cast<std::uint32_t>(integer), width, sampleOrder(format.container));
+      out += width;
+    }
+    file.write(bytes);
+  }
+
+  void writeFloats(std::span<const float* const> channelData, std::int64_t from, std::int64_t frames) {
+    bytes.resize(static_cast<std::size_t>(frames * channelCount * 4));
+    char* out = bytes.data();
+    for (std::int64_t n = from; n < from + frames; ++n)
+      for (const float* channel : channelData) {
+        store(out, bitsOf(channel[n]), 4, sampleOrder(format.container));
+        out += 4;
+      }
+    file.write(bytes);
+  }
+
+  void finishContainer() {
+    const bool isAsAnnounced = writtenFrames == frameCount;
+    frameCount = writtenFrames;
+    if (format.container != Container::rf64 && fileBytes(headBytes) > largest32BitFile)
+      throw FileError("it became larger than was announced, and than its header can tell");
+    const ContainerLayout complete = layout();
+    file.write(complete.tail);
+    if (!isAsAnnounced) file.writeAt(0, complete.head);
+  }
+};
+
+AudioFileWriter::AudioFileWriter(const Settings& settings) : encoder_(std::make_unique<Encoder>(settings)) {}
+AudioFileWriter::~AudioFileWriter() = default;
+AudioFileWriter::AudioFileWriter(AudioFileWriter&&) noexcept = default;
+AudioFileWriter& AudioFileWriter::operator=(AudioFileWriter&&) noexcept = default;
+
+void AudioFileWriter::write(std::span<const float* const> channelData, std::int64_t frameCount) {
+  constexpr std::int64_t samplesPerPiece = 16'384;
+  VELLUM_REQUIRE(static_cast<std::int64_t>(channelData.size()) == encoder_->channelCount,
+                 "AudioFileWriter: write takes one buffer per channel");
+  VELLUM_REQUIRE(!encoder_->isFinished, "AudioFileWriter: write comes before finish");
+  const std::int64_t pieceFrames = std::max<std::int64_t>(1, samplesPerPiece / encoder_->channelCount);
+  for (std::int64_t done = 0; done < frameCount; done += pieceFrames) {
+    const std::int64_t frames = std::min(pieceFrames, frameCount - done);
+    if (encoder_->format.coding == SampleCoding::float32)
+      encoder_->writeFloats(channelData, done, frames);
+    else
+      encoder_->writeIntegers(channelData, done, frames);
+    encoder_->writtenFrames += frames;
+  }
+}
+
+void AudioFileWriter::finish() {
+  VELLUM_REQUIRE(!encoder_->isFinished, "AudioFileWriter: finish comes once");
+  if (encoder_->flac)
+    encoder_->flac->finish();
+  else
+    encoder_->finishContainer();
+  encoder_->isFinished = true;
+}
+
+const std::filesystem::path& AudioFileWriter::temporaryPath() const {
+  return encoder_->file.temporaryPath();
+}
+
+void AudioFileWriter::commit() {
+  VELLUM_REQUIRE(encoder_->isFinished, "AudioFileWriter: commit comes after finish");
+  encoder_->file.commit();
+}
+
+const std::vector<std::string>& AudioFileWriter::losses() const {
+  return encoder_->spelling.losses;
+}
+
+}  // namespace vellum

@@ -1,0 +1,61 @@
+#include "VellumApp/SampleQuantiser.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+#include "VellumCore/Support/Require.hpp"
+
+namespace vellum {
+namespace {
+
+// The n-th number of the generator SplitMix64 (Steele, Lea, Flood 2014) that starts at `seed`. Any number can
+// be had without the ones before it, so that the dither does not depend on how a programme is cut into
+// chunks.
+std::uint64_t splitMix64(std::uint64_t seed, std::uint64_t n) {
+  std::uint64_t z = seed + (n + 1) * 0x9E3779B97F4A7C15u;
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
+  return z ^ (z >> 31);
+}
+
+// The difference of two uniform draws: triangular between -1 and 1.
+double triangular(std::uint64_t seed, std::uint64_t n) {
+  const std::uint64_t bits = splitMix64(seed, n);
+  const auto first = static_cast<double>(bits >> 32), second = static_cast<double>(bits & 0xFFFFFFFF);
+  return (first - second) * 0x1p-32;
+}
+
+}  // namespace
+
+SampleQuantiser::SampleQuantiser(const Settings& settings) : settings_(settings) {}
+
+void SampleQuantiser::quantise(std::span<float* const> channelData, std::span<const float* const> original,
+                               std::int64_t frameCount) {
+  const auto channelCount = static_cast<std::size_t>(settings_.channelCount);
+  VELLUM_REQUIRE(channelData.size() == channelCount,
+                 "SampleQuantiser: quantise takes one buffer per channel");
+  VELLUM_REQUIRE(original.empty() || original.size() == channelCount,
+                 "SampleQuantiser: original has one buffer per channel, or none at all");
+  if (settings_.coding == SampleCoding::float32) return;
+  const double scale = std::ldexp(1.0, static_cast<int>(integerBits(settings_.coding) - 1));
+  const bool isDithered = settings_.dither == Dither::tpdf;
+  for (std::size_t c = 0; c < channelCount; ++c) {
+    float* const samples = channelData[c];
+    if (!samples) continue;
+    const float* const before = original.empty() ? nullptr : original[c];
+    const std::uint64_t seed = splitMix64(0, c);
+    for (std::int64_t n = 0; n < frameCount; ++n) {
+      const double scaled = static_cast<double>(samples[n]) * scale;  // exact
+      double value = std::round(scaled);
+      const bool isKept = before && samples[n] == before[n] && value == scaled;
+      if (isDithered && !isKept)
+        value = std::round(scaled + triangular(seed, static_cast<std::uint64_t>(position_ + n)));
+      const double inRange = std::isnan(value) ? 0 : std::clamp(value, -scale, scale - 1);
+      if (inRange != value) ++clippedSamples_;
+      samples[n] = static_cast<float>(inRange / scale + 0.0);  // + 0: no negative zero, integers have none
+    }
+  }
+  position_ += std::max<std::int64_t>(frameCount, 0);
+}
+
+}  // namespace vellum
