@@ -1,5 +1,8 @@
 #include "VellumApp/ChannelLayouts.hpp"
 
+#include <numeric>
+
+#include "VellumCore/ChannelOrder.hpp"
 #include "VellumCore/LoudnessProcessor.hpp"
 
 namespace vellum::ChannelLayouts {
@@ -7,35 +10,35 @@ namespace {
 
 constexpr AudioChannelLabel mono = 42;
 
-std::vector<std::string> namesByCount(std::int64_t channelCount) {
+// What the meter's default weights take a channel count for; no channels where they take it for nothing.
+AudioChannelLayout layoutByCount(std::int64_t channelCount) {
   switch (channelCount) {
     case 1:
-      return {"M"};
+      return AudioChannelLayout::ofTag(AudioChannelLayout::mono);
     case 2:
-      return {"L", "R"};
+      return AudioChannelLayout::ofTag(AudioChannelLayout::stereo);
     case 3:
-      return {"L", "R", "C"};
+      return AudioChannelLayout::ofTag(AudioChannelLayout::mpeg30A);
     case 4:
-      return {"L", "R", "Ls", "Rs"};
+      return AudioChannelLayout::ofTag(AudioChannelLayout::quadraphonic);
     case 5:
-      return {"L", "R", "C", "Ls", "Rs"};
+      return AudioChannelLayout::ofTag(AudioChannelLayout::mpeg50A);
     case 6:
-      return {"L", "R", "C", "LFE", "Ls", "Rs"};
+      return AudioChannelLayout::ofTag(AudioChannelLayout::mpeg51A);
     case 8:
-      return {"L", "R", "C", "LFE", "Ls", "Rs", "Lb", "Rb"};
+      return AudioChannelLayout::ofTag(AudioChannelLayout::mpeg71C);
     default:
-      break;
+      return {};
   }
-  std::vector<std::string> names;
-  for (std::int64_t position = 1; position <= channelCount; ++position)
-    names.push_back("Ch" + std::to_string(position));
-  return names;
 }
 
 }  // namespace
 
 std::vector<std::string> names(std::span<const AudioChannelLabel> labels, std::int64_t channelCount) {
-  return labels.empty() ? namesByCount(channelCount) : ChannelOrder::displayShortNames(labels);
+  if (!labels.empty()) return ChannelOrder::displayShortNames(labels);
+  if (const auto names = ChannelOrder::displayShortNames(layoutByCount(channelCount))) return *names;
+  return ChannelOrder::displayShortNames(
+      std::vector<AudioChannelLabel>(static_cast<std::size_t>(channelCount), 0));
 }
 
 std::vector<float> weights(std::span<const AudioChannelLabel> labels, std::int64_t channelCount) {
@@ -44,6 +47,13 @@ std::vector<float> weights(std::span<const AudioChannelLabel> labels, std::int64
   for (const AudioChannelLabel label : labels)
     weights.push_back(label == mono ? 1.0f : ChannelOrder::bs1770Weight(label));
   return weights;
+}
+
+std::vector<std::int64_t> meteredOrder(std::span<const AudioChannelLabel> labels, std::int64_t channelCount) {
+  if (auto permutation = ChannelOrder::permutationToCanonical(labels, channelCount)) return *permutation;
+  std::vector<std::int64_t> order(static_cast<std::size_t>(channelCount));
+  std::iota(order.begin(), order.end(), 0);
+  return order;
 }
 
 }  // namespace vellum::ChannelLayouts

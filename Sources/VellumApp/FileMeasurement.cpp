@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <span>
+#include <string_view>
 
 #include "VellumApp/AudioFile.hpp"
 #include "VellumApp/ChannelLayouts.hpp"
+#include "VellumApp/PlanarBuffer.hpp"
 #include "VellumApp/TimeText.hpp"
 
 namespace vellum {
@@ -13,48 +16,66 @@ namespace {
 
 constexpr std::int64_t endOfFile = std::numeric_limits<std::int64_t>::max();
 
-std::vector<float> weightsFor(const AudioFile& file, const MeasureSettings& settings) {
-  if (settings.channelWeights) {
-    if (static_cast<std::int64_t>(settings.channelWeights->size()) != file.channelCount())
-      throw FileError("it has " + std::to_string(file.channelCount()) + " channels, but " +
-                      std::to_string(settings.channelWeights->size()) + " channel weights are given");
-    return *settings.channelWeights;
-  }
-  if (settings.dualMono && file.channelCount() == 1) return {2.0f};
-  return ChannelLayouts::weights(file.channelLabels(), file.channelCount());
+template <typename Value>
+std::vector<Value> reordered(std::span<const Value> values, std::span<const std::int64_t> order) {
+  std::vector<Value> result;
+  for (const std::int64_t place : order) result.push_back(values[static_cast<std::size_t>(place)]);
+  return result;
 }
 
-// One buffer per channel.
-class PlanarBuffer {
- public:
-  PlanarBuffer(std::int64_t channelCount, std::int64_t frameCount)
-      : samples_(static_cast<std::size_t>(channelCount * frameCount)) {
-    for (std::int64_t c = 0; c < channelCount; ++c) channels_.push_back(samples_.data() + c * frameCount);
-  }
-  std::span<float* const> channels() const { return channels_; }
+void requireOnePerChannel(std::size_t size, std::int64_t channelCount, std::string_view what) {
+  if (static_cast<std::int64_t>(size) == channelCount) return;
+  throw FileError("it has " + std::to_string(channelCount) + (channelCount == 1 ? " channel" : " channels") +
+                  ", but the " + std::string(what) + " for " + std::to_string(size));
+}
 
- private:
-  std::vector<float> samples_;
-  std::vector<float*> channels_;
+// How a file's channels are metered: all lists in that order.
+struct Channels {
+  std::vector<std::int64_t> fileChannels;
+  std::vector<AudioChannelLabel> labels;
+  std::vector<float> weights;
 };
+
+Channels channelsOf(const AudioFile& file, const MeasureSettings& settings) {
+  const std::int64_t count = file.channelCount();
+  if (settings.channelLabels) requireOnePerChannel(settings.channelLabels->size(), count, "layout is");
+  if (settings.channelWeights) requireOnePerChannel(settings.channelWeights->size(), count, "weights are");
+
+  Channels channels;
+  channels.labels = settings.channelLabels.value_or(file.channelLabels());
+  channels.fileChannels = ChannelLayouts::meteredOrder(channels.labels, count);
+  if (!channels.labels.empty())
+    channels.labels = reordered<AudioChannelLabel>(channels.labels, channels.fileChannels);
+  if (settings.channelWeights)
+    channels.weights = reordered<float>(*settings.channelWeights, channels.fileChannels);
+  else if (settings.dualMono && count == 1)
+    channels.weights = {2.0f};
+  else
+    channels.weights = ChannelLayouts::weights(channels.labels, count);
+  return channels;
+}
 
 }  // namespace
 
 std::optional<FileMeasurement> measureFile(const std::filesystem::path& path, const MeasureSettings& settings,
-                                           const std::function<bool(const MeasureProgress&)>& goOn) {
+                                           const std::function<bool(const MeasureProgress&)>& goOn,
+                                           const MeasureTap& tap) {
   AudioFile file(path);
   const double sampleRate = file.sampleRate();
   const auto framesOf = [&](double sec) { return static_cast<std::int64_t>(std::llround(sec * sampleRate)); };
   const std::int64_t from = settings.fromSec ? framesOf(*settings.fromSec) : 0;
   const std::int64_t to = settings.toSec ? framesOf(*settings.toSec) : endOfFile;
 
+  const Channels channels = channelsOf(file, settings);
   FileMeasurement result{.formatName = file.formatName(),
                          .sampleRate = sampleRate,
                          .channelCount = file.channelCount(),
-                         .channelNames = ChannelLayouts::names(file.channelLabels(), file.channelCount()),
+                         .fileChannels = channels.fileChannels,
+                         .channelLabels = channels.labels,
+                         .channelNames = ChannelLayouts::names(channels.labels, file.channelCount()),
                          .meter = ProgrammeMeter({.sampleRate = sampleRate,
                                                   .channelCount = file.channelCount(),
-                                                  .channelWeights = weightsFor(file, settings)}),
+                                                  .channelWeights = channels.weights}),
                          .figures = {},
                          .warnings = {}};
 
@@ -66,15 +87,15 @@ std::optional<FileMeasurement> measureFile(const std::filesystem::path& path, co
   };
 
   if (!file.seekTo(from, mayGoOn)) return {};
-  constexpr std::int64_t mostFrames = 16'384, mostSamples = 262'144;
-  const std::int64_t chunkFrames = std::clamp<std::int64_t>(mostSamples / file.channelCount(), 1, mostFrames);
+  const std::int64_t chunkFrames = framesPerChunk(file.channelCount());
   const PlanarBuffer buffer(file.channelCount(), chunkFrames);
-  const std::vector<const float*> chunk(buffer.channels().begin(), buffer.channels().end());
+  const auto chunk = reordered<const float*>(buffer.constChannels(), channels.fileChannels);
   while (file.position() < to) {
     if (!mayGoOn()) return {};
     const std::int64_t frames = file.read(buffer.channels(), std::min(chunkFrames, to - file.position()));
     if (frames == 0) break;
     result.meter.feed(chunk, frames);
+    if (tap) tap(result, chunk, frames);
   }
 
   if (sampleRate < LoudnessProcessor::lowestKWeightedRate)

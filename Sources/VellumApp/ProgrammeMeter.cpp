@@ -7,6 +7,7 @@
 
 #include "VellumCore/ChannelLevels.hpp"
 #include "VellumCore/GatedLoudness.hpp"
+#include "VellumCore/LoudnessTargetEvaluation.hpp"
 #include "VellumCore/PolyphaseUpsampler4x.hpp"
 #include "VellumCore/Support/Require.hpp"
 
@@ -41,18 +42,6 @@ double bs1770IntegratedLUFS(std::span<const double> wholeBlockPowers) {
     powers.push_back(sum / static_cast<double>(quarters));
   }
   return GatedLoudness::integratedLUFS(powers, [](std::int64_t) { return true; });
-}
-
-// The mean power of the channels that are not silent.
-float programmeRMSDBFS(std::span<const float> channelDBFS) {
-  double sum = 0;
-  std::int64_t count = 0;
-  for (float level : channelDBFS) {
-    if (!std::isfinite(level)) continue;
-    sum += std::pow(10.0, static_cast<double>(level) / 10.0);
-    ++count;
-  }
-  return count > 0 ? static_cast<float>(10.0 * std::log10(sum / static_cast<double>(count))) : unmeasured;
 }
 
 }  // namespace
@@ -165,7 +154,7 @@ ProgrammeFigures ProgrammeMeter::finish() {
   figures.samplePeakDBFS = s.levels.samplePeakDBFS();
   figures.nonFiniteSamples = s.levels.nonFiniteSamples();
   for (std::size_t c = 0; c < s.piece.size(); ++c) figures.channelRMSDBFS.push_back(s.levels.rmsDBFS(c));
-  figures.rmsDBFS = programmeRMSDBFS(figures.channelRMSDBFS);
+  figures.rmsDBFS = LoudnessMeasurement::programRMSDBFS(figures.channelRMSDBFS);
 
   figures.speechGatedLUFS = s.loudness.speechGatedLUFS();
   figures.speechPercentage = s.loudness.speechPercentage();

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <optional>
@@ -9,25 +10,26 @@
 #include <variant>
 #include <vector>
 
+#include "VellumApp/CSVCell.hpp"
 #include "vellum/ClockText.hpp"
 #include "vellum/Console.hpp"
+#include "vellum/FigureText.hpp"
 
 namespace vellum::MeasureReport {
 namespace {
 
+bool isReordered(const FileMeasurement& measurement) {
+  return !std::is_sorted(measurement.fileChannels.begin(), measurement.fileChannels.end());
+}
+
+std::vector<std::string> namesInFile(const FileMeasurement& measurement) {
+  std::vector<std::string> names(measurement.channelNames.size());
+  for (std::size_t c = 0; c < names.size(); ++c)
+    names[static_cast<std::size_t>(measurement.fileChannels[c])] = measurement.channelNames[c];
+  return names;
+}
+
 // --- Text
-
-// One decimal, never "-0.0".
-template <typename Number>
-std::string decimal(Number value) {
-  const double tenths = std::round(static_cast<double>(value) * 10.0);
-  return fmt::format("{:.1f}", tenths == 0.0 ? 0.0 : tenths / 10.0);
-}
-
-template <typename Number>
-std::string figure(Number value, std::string_view unit) {
-  return std::isfinite(value) ? decimal(value) + " " + std::string(unit) : "not measured";
-}
 
 template <typename Number>
 std::string figureAt(Number value, std::string_view unit, std::optional<double> atSec) {
@@ -50,10 +52,6 @@ std::string perChannel(const std::vector<std::string>& names, const std::vector<
       text += std::isfinite(values[c]) ? decimal(values[c]) : "none";
   }
   return text + ")";
-}
-
-void addLine(std::string& block, std::string_view name, std::string_view value) {
-  block += fmt::format("  {:<22} {}\n", name, value);
 }
 
 // --- JSON
@@ -79,11 +77,6 @@ Json::Array listOf(const Values& values, const Convert& convert) {
 template <typename Number>
 Json::Array numberList(std::span<const Number> values) {
   return listOf(values, [](Number value) { return numberOrNull(value); });
-}
-
-template <typename Number>
-void setFigure(Json::Object& record, std::string_view key, Number value) {
-  if (std::isfinite(value)) record.set(key, value);
 }
 
 template <typename Number>
@@ -139,12 +132,13 @@ std::string joined(const std::vector<std::string>& texts, std::string_view separ
 // --- CSV
 
 // Every key that a record can have, in its order; `error` stands in the records of files that failed.
-constexpr std::array<std::string_view, 28> columns = {
+constexpr std::array<std::string_view, 29> columns = {
     "file",
     "sampleRate",
     "channelCount",
     "channelNames",
     "channelWeights",
+    "fileChannels",
     "durationSec",
     "integratedLUFS",
     "bs1770IntegratedLUFS",
@@ -182,23 +176,30 @@ std::string cellText(const Json::Value& value) {
   return Json::compactText(value);
 }
 
-std::string quotedCell(std::string_view cell) {
-  if (cell.find_first_of(",\"\r\n") == std::string_view::npos) return std::string(cell);
-  std::string text = "\"";
-  for (const char c : cell) text.append(c == '"' ? 2 : 1, c);
-  return text + '"';
-}
-
 }  // namespace
+
+std::string channelsText(const FileMeasurement& measurement) {
+  const std::vector<std::string>& names = measurement.channelNames;
+  const std::span<const float> weights = measurement.meter.channelWeights();
+  std::string text;
+  for (std::size_t c = 0; c < names.size(); ++c)
+    text += fmt::format("{}{} {}", c == 0 ? "" : ", ", names[c], weights[c]);
+  if (isReordered(measurement))
+    text += fmt::format("  (reordered from the file's {})", fmt::join(namesInFile(measurement), " "));
+  else if (measurement.channelLabels.empty() && names.size() > 2)
+    text += "  (by their number: the file does not say which is which)";
+  return text;
+}
 
 std::string textBlock(const std::filesystem::path& path, const FileMeasurement& measurement) {
   const ProgrammeFigures& figures = measurement.figures;
   const std::vector<std::string>& names = measurement.channelNames;
   std::string block = Console::printable(path.string()) + "\n";
   addLine(block, "Audio",
-          fmt::format("{}, {} Hz, {} channel{} ({}), {}", measurement.formatName, measurement.sampleRate,
-                      measurement.channelCount, measurement.channelCount == 1 ? "" : "s", joined(names, " "),
+          fmt::format("{}, {} Hz, {} channel{}, {}", measurement.formatName, measurement.sampleRate,
+                      measurement.channelCount, measurement.channelCount == 1 ? "" : "s",
                       clockTextWithTenths(figures.durationSec)));
+  addLine(block, "Channels", channelsText(measurement));
   if (figures.frameCount > 0) {
     addLine(block, "Integrated loudness", figure(figures.integratedLUFS, "LUFS  (100 ms gating blocks)"));
     addLine(block, "BS.1770 integrated",
@@ -243,6 +244,9 @@ Json::Object record(const std::filesystem::path& path, const FileMeasurement& me
   record.set("channelNames",
              listOf(measurement.channelNames, [](const std::string& name) { return Json::Value(name); }));
   record.set("channelWeights", numberList(measurement.meter.channelWeights()));
+  if (isReordered(measurement))
+    record.set("fileChannels",
+               listOf(measurement.fileChannels, [](std::int64_t place) { return Json::Value(place + 1); }));
   record.set("durationSec", figures.durationSec);
   if (figures.frameCount > 0) setFigures(record, figures);
   record.set("gating", "blocks-100ms");
@@ -266,7 +270,7 @@ std::string csvRow(const Json::Object& record) {
   std::vector<std::string> cells;
   for (const std::string_view column : columns) {
     const Json::Value* value = record.find(column);
-    cells.push_back(value ? quotedCell(cellText(*value)) : "");
+    cells.push_back(value ? csvCell(cellText(*value)) : "");
   }
   return joined(cells, ",");
 }

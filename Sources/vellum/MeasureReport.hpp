@@ -10,6 +10,9 @@
 // The figures of measured files as text for people, as JSON records, and as a CSV table.
 namespace vellum::MeasureReport {
 
+// What each channel counts for, "L 1, R 1, C 1", and whether that is the file's order.
+std::string channelsText(const FileMeasurement& measurement);
+
 // A block of lines, figures with one decimal and their units.
 std::string textBlock(const std::filesystem::path& path, const FileMeasurement& measurement);
 std::string textBlock(const std::filesystem::path& path, std::string_view error);

@@ -30,9 +30,9 @@ std::string_view firstCharacters(std::string_view text, std::size_t count) {
 }
 
 std::string bar(double done, double total) {
-  constexpr double width = 20;
+  constexpr double width = 12;
   const auto filled = static_cast<std::size_t>(width * std::clamp(done / total, 0.0, 1.0));
-  return fmt::format("[{:-<20}]", std::string(filled, '#'));
+  return fmt::format("[{:-<12}]", std::string(filled, '#'));
 }
 
 }  // namespace
@@ -73,17 +73,22 @@ std::string Progress::line() const {
   if (underWay_.empty()) return {};
   const auto& [file, progress] = *underWay_.begin();
 
-  double measuredSec = finishedSec_;
-  for (const auto& [index, other] : underWay_) measuredSec += other.doneSec;
+  double measuredSec = finishedSec_, leftSec = 0;
+  for (const auto& [index, other] : underWay_) {
+    measuredSec += other.doneSec;
+    leftSec += std::max(0.0, other.totalSec.value_or(0) - other.doneSec);
+  }
   const std::chrono::duration<double> elapsed = Clock::now() - start_;
+  const double speed = measuredSec / elapsed.count();
 
   const bool hasTotal = progress.totalSec && *progress.totalSec > 0;
-  return fmt::format("{}/{}  {}  {}  {:.0f}x  {}", file + 1, fileNames_.size(),
+  const std::string left = hasTotal && speed > 0 ? clockText(leftSec / speed) + " left  " : "";
+  return fmt::format("{}/{}  {}  {}  {}{:.0f}x  {}", file + 1, fileNames_.size(),
                      hasTotal ? bar(progress.doneSec, *progress.totalSec) : "",
                      hasTotal
                          ? fmt::format("{} / {}", clockText(progress.doneSec), clockText(*progress.totalSec))
                          : clockText(progress.doneSec),
-                     measuredSec / elapsed.count(), Console::printable(fileNames_[file]));
+                     left, speed, Console::printable(fileNames_[file]));
 }
 
 }  // namespace vellum

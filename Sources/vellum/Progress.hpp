@@ -12,7 +12,8 @@
 namespace vellum {
 
 // One line on standard error that is drawn again and again while files are measured: how far the first
-// unfinished one is, and how many times faster than real time the work goes. Nothing where it is no terminal.
+// unfinished one is, how long those under way will take, and how many times faster than real time the work
+// goes. Nothing where it is no terminal.
 // advance and finish may be called by any thread, draw and clear by the one that prints.
 class Progress {
  public:

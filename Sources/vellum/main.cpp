@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "VellumApp/DocumentFile.hpp"
 #include "VellumApp/FileError.hpp"
 #include "vellum/Console.hpp"
 #include "vellum/ExitCode.hpp"
@@ -45,11 +46,15 @@ ExitCode reportUsage(const CLI::App& app, const CLI::ParseError& error) {
 }
 
 ExitCode run(int argc, char** argv) {
-  CLI::App app("Vellum measures audio: loudness, true peak, range, dialogue, noise floor, dynamics",
-               "vellum");
+  CLI::App app(
+      "Vellum measures audio (loudness, true peak, range, dialogue, noise floor, dynamics) and says what\n"
+      "streaming services, podcast platforms and broadcasters do to it",
+      "vellum");
   app.set_version_flag("--version", "vellum " VELLUM_VERSION);
   app.require_subcommand(0, 1);  // a missing one is told here, so that an unknown one is told as itself
-  app.footer("Example:\n  vellum measure song.flac\n\nvellum VERB --help tells more about a verb.");
+  app.footer(
+      "Examples:\n  vellum measure song.flac\n  vellum check --mode music song.flac\n\nvellum VERB --help "
+      "tells more about a verb.");
   ExitCode exitCode = ExitCode::done;
   addMeasureCommand(app, exitCode);
 
@@ -64,6 +69,9 @@ ExitCode run(int argc, char** argv) {
     return reportUsage(app, error);
   } catch (const Console::OutputClosed&) {
     return ExitCode::done;
+  } catch (const FaultyDocument& error) {
+    Console::printError(error.what());
+    return ExitCode::usage;
   } catch (const FileError& error) {
     Console::printError(error.what());
   } catch (const std::exception& error) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,24 @@ TEST(ChannelLayouts, ALabelWithoutAWeightIsTold) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(ChannelLayouts::weights(Labels{1, 2, 9}, 3), (std::vector<float>{1, 1, 1}));
   EXPECT_NE(testing::internal::GetCapturedStderr().find("unmapped channel label 9"), std::string::npos);
+}
+
+// --- Order -----------------------------------------------------------------------------------------------
+
+using Places = std::vector<std::int64_t>;
+
+TEST(ChannelLayouts, ThreeToSixLabelledChannelsAreMeteredInCanonicalOrder) {
+  EXPECT_EQ(ChannelLayouts::meteredOrder(Labels{1, 2, 5, 6, 3, 4}, 6), (Places{0, 1, 4, 5, 2, 3}));
+  EXPECT_EQ(ChannelLayouts::meteredOrder(Labels{1, 3, 2, 33, 34, 4}, 6), (Places{0, 2, 1, 5, 3, 4}));
+  EXPECT_EQ(ChannelLayouts::meteredOrder(Labels{3, 1, 2}, 3), (Places{1, 2, 0}));
+}
+
+TEST(ChannelLayouts, OtherChannelsAreMeteredAsTheyAre) {
+  EXPECT_EQ(ChannelLayouts::meteredOrder({}, 3), (Places{0, 1, 2}));
+  EXPECT_EQ(ChannelLayouts::meteredOrder(Labels{42}, 1), Places{0});
+  EXPECT_EQ(ChannelLayouts::meteredOrder(Labels{2, 1}, 2), (Places{0, 1}));
+  EXPECT_EQ(ChannelLayouts::meteredOrder(Labels{9, 2, 1}, 3), (Places{0, 1, 2}));
+  EXPECT_EQ(ChannelLayouts::meteredOrder(Labels{3, 1, 2, 5, 6, 9, 4}, 7), (Places{0, 1, 2, 3, 4, 5, 6}));
 }
 
 }  // namespace

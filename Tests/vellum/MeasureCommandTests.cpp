@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "Support/AudioFiles.hpp"
+#include "Support/ChannelMapFiles.hpp"
 #include "Support/RunCommand.hpp"
 #include "Support/Signals.hpp"
 #include "Support/TemporaryFolder.hpp"
@@ -189,7 +190,8 @@ TEST(MeasureCommand, VorbisAndOpusSurroundGetTheWeightsOfTheirOwnOrder) {
       return measureOne({path});
     };
     const ordered_json left = measure(0, 997);
-    EXPECT_EQ(left.at("channelNames"), (Arguments{"L", "C", "R", "Lb", "Rb", "LFE"}));
+    EXPECT_EQ(left.at("channelNames"), (Arguments{"L", "R", "C", "LFE", "Lb", "Rb"}));
+    EXPECT_EQ(left.at("fileChannels"), (std::vector<int>{1, 3, 2, 6, 4, 5}));
     EXPECT_NEAR(left.at("integratedLUFS"), -20 - 3.01, toneTolerance) << kind.extension;
     for (const std::size_t front : {1u, 2u})
       EXPECT_NEAR(measure(front, 997).at("integratedLUFS"), left.at("integratedLUFS"), toneTolerance)
@@ -199,7 +201,7 @@ TEST(MeasureCommand, VorbisAndOpusSurroundGetTheWeightsOfTheirOwnOrder) {
                   toneTolerance)
           << kind.extension << " " << surround;
     const ordered_json lfe = measure(5, 60);
-    EXPECT_GT(lfe.at("channelRMSDBFS").at(5), -26) << kind.extension;       // it is there,
+    EXPECT_GT(lfe.at("channelRMSDBFS").at(3), -26) << kind.extension;       // it is there,
     EXPECT_LT(lfe.value("integratedLUFS", -200.0), -60) << kind.extension;  // and does not count
   }
 }
@@ -243,8 +245,136 @@ TEST(MeasureCommand, WeightsAndDualMonoOverrideTheFilesOwn) {
   EXPECT_NEAR(weighted.at("integratedLUFS"), mono + 10 * std::log10(1.41), 1e-4);
   EXPECT_EQ(weighted.at("channelWeights"), (std::vector<double>{0, 1.41}));
   EXPECT_EQ(measureOne({"--weights", "1,1,1", folder / "stereo.wav"}, 3).at("error"),
-            "it has 2 channels, but 3 channel weights are given");
+            "it has 2 channels, but the weights are for 3");
 }
+
+// --- Layouts
+
+// L R Ls Rs C LFE in every form that a chunk has for it; bitmaps cannot say it.
+const std::vector<std::string>& filmOrderChunks() {
+  static const std::vector<std::string> chunks = {test::channelChunk(122 << 16 | 6),
+                                                  test::channelChunk(0, 0, {1, 2, 5, 6, 3, 4})};
+  return chunks;
+}
+
+// A tone of -20 dBFS in one channel reads -23.01 LUFS at weight 1.
+TEST(MeasureCommand, EachChannelCountsByTheLabelThatTheFileGivesIt) {
+  const TemporaryFolder folder;
+  const double front = -20 - 3.01, surround = front + 1.5;
+  for (const std::string& chunk : filmOrderChunks()) {
+    const auto measure = [&](std::size_t sounding) {
+      test::writeCAF(folder / "x.caf", toneIn(sounding), chunk);
+      return measureOne({folder / "x.caf"});
+    };
+    const std::vector<double> expected = {front, front, surround, surround, front};
+    for (std::size_t c = 0; c < expected.size(); ++c)
+      EXPECT_NEAR(measure(c).at("integratedLUFS"), expected[c], toneTolerance) << c;
+    const ordered_json lfe = measure(5);
+    EXPECT_FALSE(lfe.contains("integratedLUFS"));
+    EXPECT_NEAR(lfe.at("channelRMSDBFS").at(3), -20 - 3.01, 0.01);  // it is there, and does not count
+  }
+}
+
+// A tone of -23 dBFS in the LFE channel only, which is where the canonical order has a surround.
+TEST(MeasureCommand, ALowFrequencyChannelAtTheEndAddsNothing) {
+  const TemporaryFolder folder;
+  Audio audio(6, 96'000);
+  audio.channels[0] = test::sine(48000, 96'000, 997, test::amplitudeOf(-23));
+  test::writeCAF(folder / "without.caf", audio, filmOrderChunks()[0]);
+  audio.channels[5] = audio.channels[0];
+  test::writeCAF(folder / "with.caf", audio, filmOrderChunks()[0]);
+  EXPECT_EQ(measureOne({folder / "with.caf"}).at("integratedLUFS"),
+            measureOne({folder / "without.caf"}).at("integratedLUFS"));
+}
+
+TEST(MeasureCommand, ARecordSaysHowChannelsWereReordered) {
+  const TemporaryFolder folder;
+  test::writeCAF(folder / "film.caf", toneIn(0), filmOrderChunks()[0]);
+  const ordered_json film = measureOne({folder / "film.caf"});
+  EXPECT_EQ(film.at("channelNames"), (Arguments{"L", "R", "C", "LFE", "Ls", "Rs"}));
+  EXPECT_EQ(film.at("channelWeights"), ordered_json::parse("[1,1,1,0,1.41253,1.41253]"));
+  EXPECT_EQ(film.at("fileChannels"), (std::vector<int>{1, 2, 5, 6, 3, 4}));
+  test::writeCAF(folder / "smpte.caf", toneIn(0), test::channelChunk(0x10000, 0x3F));
+  const ordered_json smpte = measureOne({folder / "smpte.caf"});
+  EXPECT_EQ(smpte.at("channelNames"), film.at("channelNames"));
+  EXPECT_FALSE(smpte.contains("fileChannels"));
+}
+
+TEST(MeasureCommand, TheTextTellsChannelsWeightsAndTheirOrderInTheFile) {
+  const TemporaryFolder folder;
+  const auto channelsLine = [&](const Arguments& arguments) {
+    const auto lines = linesOf(runVellum(arguments).out);
+    return lines.size() > 2 ? lines[2] : "no such line";
+  };
+  test::writeCAF(folder / "film.caf", toneIn(0), filmOrderChunks()[0]);
+  EXPECT_EQ(
+      channelsLine({"measure", folder / "film.caf"}),
+      "  Channels               L 1, R 1, C 1, LFE 0, Ls 1.41253, Rs 1.41253  (reordered from the file's L R "
+      "Ls Rs C LFE)");
+  test::writeCAF(folder / "seven.caf", tone(7, 48000, -20), test::channelChunk(125 << 16 | 7));
+  EXPECT_EQ(channelsLine({"measure", folder / "seven.caf"}),
+            "  Channels               L 1, R 1, C 1, LFE 0, Ls 1.41253, Rs 1.41253, Cs 1");
+  test::writeAudio(folder / "four.wav", tone(4, 48000, -20), 48000, test::floatWAV);
+  EXPECT_EQ(
+      channelsLine({"measure", folder / "four.wav"}),
+      "  Channels               L 1, R 1, Ls 1.41253, Rs 1.41253  (by their number: the file does not say "
+      "which is which)");
+  EXPECT_EQ(channelsLine({"measure", "--layout", "C,L,R,LFE2", folder / "four.wav"}),
+            "  Channels               C 1, L 1, R 1, LFE2 0");
+  EXPECT_EQ(
+      channelsLine({"measure", "--weights", "0.5,1,2,3", folder / "four.wav"}),
+      "  Channels               L 0.5, R 1, Ls 2, Rs 3  (by their number: the file does not say which is "
+      "which)");
+}
+
+TEST(MeasureCommand, ALayoutOverridesTheFilesOwn) {
+  const TemporaryFolder folder;
+  const std::string layout = "L,R,Ls,Rs,C,LFE";
+  test::writeAudio(folder / "x.wav", toneIn(2), 48000, test::floatWAV);
+  test::writeAudio(folder / "x.flac", toneIn(2), 48000, test::flac);
+  test::writeCAF(folder / "x.caf", toneIn(2), test::channelChunk(121 << 16 | 6));
+  for (const char* name : {"x.wav", "x.flac", "x.caf"}) {
+    EXPECT_NEAR(measureOne({folder / name}).at("integratedLUFS"), -20 - 3.01, toneTolerance) << name;
+    const ordered_json record = measureOne({"--layout", layout, folder / name});
+    EXPECT_NEAR(record.at("integratedLUFS"), -20 - 3.01 + 1.5, toneTolerance) << name;
+    EXPECT_EQ(record.at("channelNames"), (Arguments{"L", "R", "C", "LFE", "Ls", "Rs"})) << name;
+    EXPECT_EQ(record.at("fileChannels"), (std::vector<int>{1, 2, 5, 6, 3, 4})) << name;
+  }
+  EXPECT_EQ(measureOne({"--layout", "L,R", folder / "x.wav"}, 3).at("error"),
+            "it has 6 channels, but the layout is for 2");
+}
+
+// Weights are given for the file's channels and outweigh the layout's; the layout still names and orders
+// them.
+TEST(MeasureCommand, ALayoutGoesTogetherWithWeightsAndDualMono) {
+  const TemporaryFolder folder;
+  test::writeAudio(folder / "x.wav", toneIn(2), 48000, test::floatWAV);
+  const ordered_json weighted =
+      measureOne({"--layout", "L,R,Ls,Rs,C,LFE", "--weights", "1,2,4,5,3,6", folder / "x.wav"});
+  EXPECT_EQ(weighted.at("channelNames"), (Arguments{"L", "R", "C", "LFE", "Ls", "Rs"}));
+  EXPECT_EQ(weighted.at("channelWeights"), (std::vector<double>{1, 2, 3, 6, 4, 5}));
+  EXPECT_NEAR(weighted.at("integratedLUFS"), -20 - 3.01 + 10 * std::log10(4), toneTolerance);
+  test::writeAudio(folder / "mono.wav", tone(1, 48000, -20), 48000, test::floatWAV);
+  const ordered_json mono = measureOne({"--layout", "C", "--dual-mono", folder / "mono.wav"});
+  EXPECT_EQ(mono.at("channelNames"), Arguments{"C"});
+  EXPECT_EQ(mono.at("channelWeights"), std::vector<double>{2});
+}
+
+TEST(MeasureCommand, AnUnmappedLabelOfALayoutIsToldOncePerFile) {
+  const TemporaryFolder folder;
+  const auto line = [](int label) {
+    return "🔉 BS.1770 weight: unmapped channel label " + std::to_string(label) +
+           " defaulted to 1.0 (full weight)\n";
+  };
+  for (const char* name : {"a.wav", "b.wav"})
+    test::writeAudio(folder / name, noise(4, 480'000), 48000, test::floatWAV);
+  const CommandResult result =
+      runVellum({"measure", "--json", "--layout", "L,R,C,Cs", folder / "a.wav", folder / "b.wav"});
+  EXPECT_EQ(result.err, line(9) + line(9) + "vellum: 2 files measured\n");
+  EXPECT_EQ(runVellum({"measure", "--layout", "L,R,C,M", folder / "a.wav"}).err, "");
+}
+
+// --- Sections
 
 TEST(MeasureCommand, ASectionReadsAsTheSameSamplesCutToAFile) {
   const TemporaryFolder folder;
@@ -289,6 +419,7 @@ const Arguments jsonKeys = {"file",
                             "channelCount",
                             "channelNames",
                             "channelWeights",
+                            "fileChannels",
                             "durationSec",
                             "integratedLUFS",
                             "bs1770IntegratedLUFS",
@@ -323,6 +454,7 @@ TEST(MeasureCommand, AJSONRecordHasItsKeysInOrder) {
   ASSERT_FALSE(files.empty());
   const ordered_json record = measureOne({files.front()});
   Arguments expected = jsonKeys;
+  std::erase(expected, "fileChannels");
   std::erase(expected, "nonFiniteSamples");
   std::erase(expected, "warning");
   EXPECT_EQ(keysOf(record), expected);
@@ -421,14 +553,15 @@ TEST(MeasureCommand, ATableHoldsWhatTheRecordsHold) {
   const auto odd = folder / "a \"b\", c.wav";
   test::writeAudio(odd, noise(2, 48'000), 48000, test::floatWAV);
   test::writeAudio(folder / "silence.wav", Audio(3, 4800), 48000, test::floatWAV);
-  const Arguments files = {odd, folder / "missing.wav", folder / "silence.wav"};
+  test::writeCAF(folder / "reordered.caf", toneIn(0), filmOrderChunks()[0]);
+  const Arguments files = {odd, folder / "missing.wav", folder / "silence.wav", folder / "reordered.caf"};
   const auto records = measureAll(files, 3);
   Arguments arguments = {"measure", "--csv"};
   arguments.insert(arguments.end(), files.begin(), files.end());
   const CommandResult result = runVellum(arguments);
   EXPECT_EQ(result.exitCode, 3);
   const auto lines = linesOf(result.out);
-  ASSERT_EQ(lines.size(), 4u);
+  ASSERT_EQ(lines.size(), 5u);
   Arguments columns = jsonKeys;
   columns.push_back("error");
   EXPECT_EQ(cellsOf(lines[0]), columns);
@@ -449,21 +582,22 @@ TEST(MeasureCommand, TheTextTellsFiguresWithTheirUnits) {
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.err, "");
   const auto lines = linesOf(result.out);
-  ASSERT_EQ(lines.size(), 13u) << result.out;
+  ASSERT_EQ(lines.size(), 14u) << result.out;
   EXPECT_EQ(lines[0], (folder / "tone.wav").string());
-  EXPECT_EQ(lines[1], "  Audio                  WAV 24-bit, 48000 Hz, 2 channels (L R), 0:12.0");
-  EXPECT_EQ(lines[2], "  Integrated loudness    -23.0 LUFS  (100 ms gating blocks)");
-  EXPECT_EQ(lines[3], "  BS.1770 integrated     -23.0 LUFS  (400 ms gating blocks)");
-  EXPECT_TRUE(startsWith(lines[4], "  Maximum momentary      -23.0 LUFS at 0:"));
-  EXPECT_TRUE(startsWith(lines[5], "  Maximum short-term     -23.0 LUFS at 0:"));
-  EXPECT_EQ(lines[6], "  Loudness range         0.0 LU");
-  EXPECT_TRUE(startsWith(lines[7], "  True peak              -23.0 dBTP at 0:"));
-  EXPECT_TRUE(contains(lines[7], "  (L -23.0, R -23.0)"));
-  EXPECT_EQ(lines[8], "  Sample peak            -23.0 dBFS");
-  EXPECT_EQ(lines[9], "  RMS                    -26.0 dBFS  (L -26.0, R -26.0)");
-  EXPECT_TRUE(startsWith(lines[10], "  Dialogue loudness      "));
-  EXPECT_TRUE(startsWith(lines[11], "  Noise floor            "));
-  EXPECT_TRUE(startsWith(lines[12], "  Dynamic range          DR 1  (L 1, R 1)"));
+  EXPECT_EQ(lines[1], "  Audio                  WAV 24-bit, 48000 Hz, 2 channels, 0:12.0");
+  EXPECT_EQ(lines[2], "  Channels               L 1, R 1");
+  EXPECT_EQ(lines[3], "  Integrated loudness    -23.0 LUFS  (100 ms gating blocks)");
+  EXPECT_EQ(lines[4], "  BS.1770 integrated     -23.0 LUFS  (400 ms gating blocks)");
+  EXPECT_TRUE(startsWith(lines[5], "  Maximum momentary      -23.0 LUFS at 0:"));
+  EXPECT_TRUE(startsWith(lines[6], "  Maximum short-term     -23.0 LUFS at 0:"));
+  EXPECT_EQ(lines[7], "  Loudness range         0.0 LU");
+  EXPECT_TRUE(startsWith(lines[8], "  True peak              -23.0 dBTP at 0:"));
+  EXPECT_TRUE(contains(lines[8], "  (L -23.0, R -23.0)"));
+  EXPECT_EQ(lines[9], "  Sample peak            -23.0 dBFS");
+  EXPECT_EQ(lines[10], "  RMS                    -26.0 dBFS  (L -26.0, R -26.0)");
+  EXPECT_TRUE(startsWith(lines[11], "  Dialogue loudness      "));
+  EXPECT_TRUE(startsWith(lines[12], "  Noise floor            "));
+  EXPECT_TRUE(startsWith(lines[13], "  Dynamic range          DR 1  (L 1, R 1)"));
 }
 
 TEST(MeasureCommand, TheTextSaysWhatWasNotMeasured) {
@@ -811,8 +945,7 @@ TEST(MeasureCommand, CtrlCEndsAtOnceAndLeavesNothing) {
     Arguments arguments = {"measure", "--jobs", jobs, "--out", folder / "out"};
     arguments.insert(arguments.end(), 400, folder / "x.flac");  // more than can be done meanwhile
     test::RunningCommand command(arguments);
-    while (folder.names().size() < 2)
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));  // until it works
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // now it works; its output has no name yet
     command.signal(SIGINT);
     const auto asked = std::chrono::steady_clock::now();
     const CommandResult result = command.wait();
@@ -844,6 +977,15 @@ TEST(MeasureCommand, WrongArgumentsAreRefusedWithOneLine) {
       {{"measure", "--weights", "1,1,", "x"}, "--weights: '' is not a weight"},
       {{"measure", "--weights", "1;1", "x"}, "--weights: '1;1' is not a weight"},
       {{"measure", "--weights", "", "x"}, "--weights"},
+      {{"measure", "--layout", "L,X", "x"},
+       "--layout: 'X' is not a channel; the channels are L R C LFE Ls Rs Lc Rc Cs Lss Rss Lb Rb LFE2 M"},
+      {{"measure", "--layout", "L,R,L", "x"},
+       "--layout: 'L' stands there twice; the channels are L R C LFE Ls Rs Lc Rc Cs Lss Rss Lb Rb LFE2 M"},
+      {{"measure", "--layout", "l,r", "x"}, "--layout: 'l' is not a channel"},
+      {{"measure", "--layout", "L, R", "x"}, "--layout: ' R' is not a channel"},
+      {{"measure", "--layout", "L,,R", "x"}, "--layout: '' is not a channel"},
+      {{"measure", "--layout", "L,Ch2", "x"}, "--layout: 'Ch2' is not a channel"},
+      {{"measure", "--layout", "", "x"}, "--layout"},
       {{"measure", "--from", "-1", "x"}, "--from: '-1' is not a time"},
       {{"measure", "--from", "nan", "x"}, "--from: 'nan' is not a time"},
       {{"measure", "--from", "1e999", "x"}, "--from: '1e999' is not a time"},

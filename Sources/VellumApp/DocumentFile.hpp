@@ -1,0 +1,34 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "VellumApp/FileError.hpp"
+#include "VellumCore/ChapterReport.hpp"
+#include "VellumCore/LoudnessTargetSelection.hpp"
+
+// The JSON documents that a user keeps in files. All errors begin with the file's name: a document is never
+// the only file of a task.
+namespace vellum {
+
+// A document that was read, and whose content is wrong: "my.json: customTargets[0].treatment: ...".
+class FaultyDocument : public NamedFileError {
+ public:
+  using NamedFileError::NamedFileError;
+};
+
+// The file's bytes. Throws NamedFileError for what cannot be read, is no regular file, or is above 64 MiB.
+std::string readDocument(const std::filesystem::path& path);
+
+// Throws NamedFileError as readDocument, FaultyDocument for the content.
+LoudnessTargetSelection readTargetSelection(const std::filesystem::path& path);
+// What readTargetSelection reads back as an equal selection. Its custom targets' levels have to be finite.
+std::string targetSelectionText(const LoudnessTargetSelection& selection);
+
+// The same of chapters. What is outside of ChapterLimits is a faulty document too.
+ChapterDetectionSettings readChapterDetectionSettings(const std::filesystem::path& path);
+ChapterReport readChapterReport(const std::filesystem::path& path);
+// The chapters' times have to be finite.
+std::string chapterReportText(const ChapterReport& report);
+
+}  // namespace vellum

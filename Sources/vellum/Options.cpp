@@ -1,0 +1,27 @@
+#include "vellum/Options.hpp"
+
+#include <CLI/Error.hpp>
+#include <CLI/Validators.hpp>
+
+namespace vellum {
+
+void refuse(std::string_view option, std::string_view why) {
+  throw CLI::ValidationError(std::string(option), std::string(why));
+}
+
+CLI::Option& addTextOption(CLI::App& verb, const char* name, std::string& value, const char* type,
+                           const char* description) {
+  const CLI::Validator notEmpty([](const std::string& text) { return text.empty() ? "needs a value" : ""; },
+                                "");
+  return *verb.add_option(name, value, description)->type_name(type)->check(notEmpty);
+}
+
+std::vector<std::string> splitAtCommas(std::string_view text) {
+  std::vector<std::string> parts;
+  for (std::size_t comma; (comma = text.find(',')) != text.npos; text.remove_prefix(comma + 1))
+    parts.emplace_back(text.substr(0, comma));
+  parts.emplace_back(text);
+  return parts;
+}
+
+}  // namespace vellum

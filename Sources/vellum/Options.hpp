@@ -1,0 +1,21 @@
+#pragma once
+
+#include <CLI/App.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// What the verbs' options have in common.
+namespace vellum {
+
+// Wrong arguments: throws CLI::ValidationError, which reads "--jobs: why".
+[[noreturn]] void refuse(std::string_view option, std::string_view why);
+
+// An option that takes one text, which may not be empty.
+CLI::Option& addTextOption(CLI::App& verb, const char* name, std::string& value, const char* type,
+                           const char* description);
+
+// The texts between the commas; one more than there are commas.
+std::vector<std::string> splitAtCommas(std::string_view text);
+
+}  // namespace vellum
