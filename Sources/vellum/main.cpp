@@ -12,10 +12,12 @@
 
 #include "VellumApp/DocumentFile.hpp"
 #include "VellumApp/FileError.hpp"
+#include "vellum/CheckCommand.hpp"
 #include "vellum/Console.hpp"
 #include "vellum/ExitCode.hpp"
 #include "vellum/Interrupt.hpp"
 #include "vellum/MeasureCommand.hpp"
+#include "vellum/TargetsCommand.hpp"
 
 namespace vellum {
 namespace {
@@ -57,6 +59,8 @@ ExitCode run(int argc, char** argv) {
       "tells more about a verb.");
   ExitCode exitCode = ExitCode::done;
   addMeasureCommand(app, exitCode);
+  addCheckCommand(app, exitCode);
+  addTargetsCommand(app, exitCode);
 
   try {
     app.parse(argumentsOf(argc, argv));
