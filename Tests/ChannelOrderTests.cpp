@@ -125,6 +125,18 @@ TEST(ChannelOrder, EveryOtherLabelCountsFullyAndSaysSo) {
   EXPECT_EQ(weigh(0xFFFFFFFFu).log, unmappedLine(4294967295u));
 }
 
+// What counts fully for want of a weight is exactly what has none of its own; asking is silent.
+TEST(ChannelOrder, OwnWeightsAreThoseThatAreNotLogged) {
+  for (AudioChannelLabel label = 0; label < 400; ++label) {
+    const Weighed result = weigh(label);
+    testing::internal::CaptureStderr();
+    const std::optional<float> own = ChannelOrder::ownWeight(label);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << label;
+    EXPECT_EQ(own.has_value(), result.log.empty()) << label;
+    EXPECT_EQ(own.value_or(1.0f), result.weight) << label;
+  }
+}
+
 TEST(ChannelOrder, ListsKeepTheirOrder) {
   const std::vector<AudioChannelLabel> labels = {3, 4, 9, 6};
   testing::internal::CaptureStderr();

@@ -33,28 +33,12 @@ std::int64_t dataBytes(const AudioFileFormat& format, const AudioShape& shape) {
 
 // --- What a container cannot take ------------------------------------------------------------------------
 
-// ChannelOrder::bs1770Weight without its line on standard error: nothing is measured here.
-float weightOf(AudioChannelLabel label) {
-  switch (label) {
-    case 4:
-    case 37:
-      return 0;
-    case 5:
-    case 6:
-    case 10:
-    case 11:
-    case 33:
-    case 34:
-      return ChannelOrder::surroundWeight;
-    default:
-      return 1;
-  }
-}
-
+// Without the lines on standard error: nothing is measured here.
 std::vector<float> weightsOf(std::span<const AudioChannelLabel> labels, std::int64_t channelCount) {
   if (labels.empty()) return LoudnessProcessor::staticChannelWeights(channelCount);
   std::vector<float> weights;
-  for (const AudioChannelLabel label : labels) weights.push_back(weightOf(label));
+  for (const AudioChannelLabel label : labels)
+    weights.push_back(ChannelOrder::ownWeight(label).value_or(1.0f));
   return weights;
 }
 

@@ -108,8 +108,13 @@ std::optional<Labels> channelLabels(const AudioChannelLayout& layout) {
 
 // --- Weights
 
+std::optional<float> ownWeight(AudioChannelLabel label) {
+  const Channel* const channel = find(label);
+  return channel ? channel->weight : std::nullopt;
+}
+
 float bs1770Weight(AudioChannelLabel label) {
-  if (const Channel* channel = find(label); channel && channel->weight) return *channel->weight;
+  if (const auto weight = ownWeight(label)) return *weight;
   log("🔉 BS.1770 weight: unmapped channel label " + std::to_string(label) +
       " defaulted to 1.0 (full weight)");
   return 1.0f;

@@ -33,6 +33,7 @@ constexpr float surroundWeight = 1.41253f;  // 10^(1.5/10), rounded
 // (+1.5 dB) for surrounds, 0 for the LFE channels. A label without a weight of its own gets 1, and one line
 // on standard error says so.
 float bs1770Weight(AudioChannelLabel label);
+std::optional<float> ownWeight(AudioChannelLabel label);  // the same without the 1 and the line
 std::vector<float> bs1770Weights(std::span<const AudioChannelLabel> labels);  // one per label, in order
 // One per channel of the buffer. Absent where its format has no layout, or one of another channel count.
 std::optional<std::vector<float>> bs1770Weights(const PCMBuffer& buffer);
