@@ -14,9 +14,12 @@
 #include "VellumApp/FileError.hpp"
 #include "vellum/CheckCommand.hpp"
 #include "vellum/Console.hpp"
+#include "vellum/DeliverCommand.hpp"
 #include "vellum/ExitCode.hpp"
 #include "vellum/Interrupt.hpp"
+#include "vellum/LimitCommand.hpp"
 #include "vellum/MeasureCommand.hpp"
+#include "vellum/PlanCommand.hpp"
 #include "vellum/TargetsCommand.hpp"
 
 namespace vellum {
@@ -61,6 +64,9 @@ ExitCode run(int argc, char** argv) {
   addMeasureCommand(app, exitCode);
   addCheckCommand(app, exitCode);
   addTargetsCommand(app, exitCode);
+  addPlanCommand(app, exitCode);
+  addDeliverCommand(app, exitCode);
+  addLimitCommand(app, exitCode);
 
   try {
     app.parse(argumentsOf(argc, argv));
