@@ -1082,6 +1082,7 @@ TEST(MeasureCommand, ProgressIsShownOnATerminalOnlyAndTakenAway) {
   const std::string shown = onTerminal({"measure", path}, {{"TERM", "xterm"}});
   EXPECT_TRUE(contains(shown, "\r1/1  ["));
   EXPECT_TRUE(contains(shown, " / 2:00  "));
+  EXPECT_TRUE(contains(shown, " left  "));
   EXPECT_TRUE(contains(shown, "x  a rather"));
   EXPECT_FALSE(contains(shown.substr(0, shown.find(path)), "on the line"));  // cut to the width
   EXPECT_TRUE(contains(shown, "\r\x1b[K" + path));                           // gone before the figures
