@@ -1,6 +1,8 @@
 #include "VellumCore/ChannelOrder.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -403,6 +405,25 @@ TEST(ChannelOrder, TheLineNamesSourcesByTheirRole) {
             "🔀 Channel reorder (6ch): LFE Rs Ls C R L -> L R C LFE Ls Rs\n");
   EXPECT_EQ(canonicalizeWithLog(bufferOf(planarOf({11, 33, 2, 1}), 1)).log,
             "🔀 Channel reorder (4ch): Rs Ls R L -> L R Ls Rs\n");
+}
+
+// So that the lines of several threads stay whole. A datagram is what one write sent.
+TEST(ChannelOrder, EveryLineIsOneWrite) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
+  const PCMBuffer buffer = bufferOf(planarOf({3, 2, 1}), 1);
+  const int before = dup(STDERR_FILENO);
+  dup2(ends[0], STDERR_FILENO);
+  ChannelOrder::bs1770Weight(9);
+  ChannelOrder::canonicalize(buffer);
+  dup2(before, STDERR_FILENO);
+  for (const std::string& line :
+       {unmappedLine(9), std::string("🔀 Channel reorder (3ch): C R L -> L R C\n")}) {
+    char text[200];
+    const ssize_t length = recv(ends[1], text, sizeof text, MSG_DONTWAIT);
+    EXPECT_EQ(std::string(text, static_cast<std::size_t>(std::max<ssize_t>(length, 0))), line);
+  }
+  for (const int descriptor : {before, ends[0], ends[1]}) close(descriptor);
 }
 
 TEST(ChannelOrder, ABufferThatCannotBeReorderedIsLeftAlone) {

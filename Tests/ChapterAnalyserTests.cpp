@@ -391,6 +391,20 @@ TEST(ChapterAnalyser, AHistoryThatEndsEarlyIsUsedAsFarAsItGoes) {
   EXPECT_EQ(presentIn(analysed(chapterOf(6, 20), channels, Flags{})), withoutSpeech);
 }
 
+// There, but without a flag: the meter's own detector judges, and constant samples are no speech.
+TEST(ChapterAnalyser, AnExcerptThatEndsBeforeTheFileStartsIsEmpty) {
+  const Channels channels = {std::vector<float>(8000, 0.25f)};
+  ChapterMeter meter = ChapterAnalyser::meterFor(chapterOf(-20, -5), {.sampleRate = rate,
+                                                                      .channelCount = 1,
+                                                                      .speechHistory = Flags(200, true),
+                                                                      .channelWeights = std::nullopt});
+  const float* const pointers[] = {channels[0].data()};
+  meter.add(pointers, 8000);
+  meter.finish();
+  EXPECT_FALSE(meter.metrics().speechPercentage);
+  EXPECT_TRUE(meter.metrics().noiseFloor);
+}
+
 TEST(ChapterAnalyser, TheExcerptGatesTheChaptersSpeech) {
   // 5 s at -40 dBFS, then 15 s with a loud middle; only the middle is speech.
   Channels channels = {sine(rate, 160'000, 997, amplitudeOf(-40))};
@@ -528,6 +542,21 @@ TEST(ChapterMeter, ANullChannelIsSilent) {
   EXPECT_EQ(nulls.metrics(), zeros.metrics());
   EXPECT_EQ(nulls.levels().rmsDBFS(), zeros.levels().rmsDBFS());
   EXPECT_EQ(nulls.levels().samplePeakDBFS(), zeros.levels().samplePeakDBFS());
+}
+
+// A slow rise and a sudden end: what the weighting's high pass makes of the end is the loudest block of all.
+TEST(ChapterMeter, TheFilterOfAChannelThatTurnsNullRingsOut) {
+  Channels channels = {std::vector<float>(8000)};
+  for (std::size_t i = 0; i < 4000; ++i) channels[0][i] = static_cast<float>(i) / 4000;
+  ChapterMeter zeros = makeMeter(1), nulls = makeMeter(1), risen = makeMeter(1);
+  feedSplits(zeros, channels, 0, {8000});
+  feedSplits(nulls, channels, 0, {4000});  // whole blocks
+  feedSplits(risen, channels, 0, {4000});
+  const float* const none[] = {nullptr};
+  nulls.add(none, 4000);
+  for (ChapterMeter* meter : {&zeros, &nulls, &risen}) meter->finish();
+  EXPECT_EQ(nulls.metrics(), zeros.metrics());
+  EXPECT_GT(*nulls.metrics().maxMomentary, *risen.metrics().maxMomentary + 10);
 }
 
 TEST(ChapterMeter, WithoutAFrameEverythingIsAbsent) {

@@ -79,14 +79,15 @@ extern std::int64_t maxBytesPerBuffer;
 // frames x bytes per frame x buffers. A product beyond 64 bits stops the program.
 std::int64_t totalBytes(const AudioFormat& format, std::int64_t frames);
 
-// Whether 1 to 4,294,967,295 frames of the format fit buffers of 4,294,967,295 bytes.
+// Whether 1 to 4,294,967,295 frames of the format fit buffers of 4,294,967,295 bytes. A whole beyond 64 bits
+// does not.
 bool canAllocate(const AudioFormat& format, std::int64_t frames);
 
-// Whether 1 to 2^30 - 1 frames of planar 32-bit float audio can be held, for one channel or more.
+// Whether 1 to 2^30 - 1 frames of planar 32-bit float audio can be held, for one channel or more. A whole
+// beyond 64 bits cannot.
 bool canAllocateFloat32(std::int64_t frames, std::int64_t channelCount);
 
-// A zeroed buffer of frameCapacity frames; absent for 0 frames, a buffer above 4,294,967,295 bytes, or
-// when memory is exhausted.
+// A zeroed buffer of frameCapacity frames; absent where canAllocate is false, or when memory is exhausted.
 std::optional<PCMBuffer> make(const AudioFormat& format, std::uint32_t frameCapacity);
 
 // A zeroed buffer list of a caller's own count and size, without make()'s limits on the whole. Absent when

@@ -179,6 +179,8 @@ TEST(JsonReader, IntegersReachFromMinusTwoToThe63ToOneBelowTwoToThe63) {
     EXPECT_EQ(integerIn(text), Int64::min()) << text;
   EXPECT_EQ(integerFault("9223372036854775808"),
             (DocumentFault{Kind::dataCorrupted, "", "9.223372036854776e+18 does not fit a 64-bit integer"}));
+  EXPECT_EQ(integerFault("-9223372036854775809").description,
+            "-9.223372036854776e+18 does not fit a 64-bit integer");
   for (const char* text :
        {"-9223372036854775809", "-9223372036854775809.0", "9223372036854775808.0", "18446744073709551615",
         "18446744073709551616", "1e19", "-1e19", "1e300", "100000000000000000000000000000000000000000000000"})

@@ -44,8 +44,9 @@ struct Decimal {
 
 // One JSON value. Converts from anything that it can hold.
 //   float   32-bit numbers keep their width: 0.2f is written 0.2
-//   Decimal what parse makes of a number with a point, an exponent or too many digits for an integer, and of
-//   -0 text    UTF-8; each faulty sequence is written as U+FFFD
+//   Decimal what parse makes of -0 and of a number with a point, an exponent or too many digits for an integer
+//
+// Text is UTF-8; each faulty sequence is written as U+FFFD.
 class Value {
  public:
   using Content =

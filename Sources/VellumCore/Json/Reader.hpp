@@ -20,8 +20,8 @@ namespace vellum::Json {
 //   - an integer may be written 3.0; 3.7 is none, and true is no number
 //   - a number that does not fit the type asked for is an error, as 1e39 for 32 bits
 //   - an enumeration with payload is an object with exactly one key, the case's name
-// Everything but find throws DocumentError, which names the place. Refers to the value, which has to outlive
-// it.
+// Every reading throws DocumentError, which names the place; find does so only where the value is no object.
+// Refers to the value, which has to outlive it.
 class Reader {
  public:
   // `path` is where the value stands: nothing for a document.
