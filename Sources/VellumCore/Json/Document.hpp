@@ -44,7 +44,7 @@ struct Decimal {
 
 // One JSON value. Converts from anything that it can hold.
 //   float   32-bit numbers keep their width: 0.2f is written 0.2
-//   Decimal what parse makes of -0 and of a number with a point, an exponent or too many digits for an integer
+//   Decimal what parse makes of -0, and of a number with a point, an exponent, or more digits than fit
 //
 // Text is UTF-8; each faulty sequence is written as U+FFFD.
 class Value {
