@@ -1,6 +1,5 @@
 #include "VellumApp/AudioFile.hpp"
 
-#include <fcntl.h>
 #include <sndfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include "VellumApp/ChannelMaps.hpp"
 #include "VellumApp/Descriptor.hpp"
 #include "VellumApp/MetadataForms.hpp"
+#include "VellumApp/RegularFile.hpp"
 #include "VellumApp/TimeText.hpp"
 #include "VellumCore/LoudnessProcessor.hpp"
 #include "VellumCore/Support/Require.hpp"
@@ -38,23 +38,10 @@ struct Source {
 
 Source openSource(const std::filesystem::path& path) {
   Source source;
-  source.file = Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));  // a pipe would block
-  if (!source.file) {
-    switch (errno) {
-      case ENOENT:
-      case ENOTDIR:
-        throw FileError("there is no such file");
-      case EACCES:
-        throw FileError("no permission to read it");
-      default:
-        throw FileError("it cannot be opened: " + systemErrorText(errno));
-    }
-  }
+  source.file = openRegularFile(path);
   struct stat status;
   if (::fstat(source.file.get(), &status) != 0)
     throw FileError("it cannot be opened: " + systemErrorText(errno));
-  if (S_ISDIR(status.st_mode)) throw FileError("it is a directory");
-  if (!S_ISREG(status.st_mode)) throw FileError("it is not a regular file");
   if (status.st_size == 0) throw FileError("the file is empty");
   source.size = status.st_size;
   return source;

@@ -55,8 +55,7 @@ ExitCode check(const Arguments& arguments) {
     return resultOf(arguments, file);
   };
   batch.failureText = [&](const std::filesystem::path& path, std::string_view error) {
-    return arguments.json ? Json::compactText(MeasureReport::record(path, error)) + "\n"
-                          : MeasureReport::textBlock(path, error);
+    return MeasureReport::failureText(path, error, arguments.json);
   };
   return runBatch(arguments.batch, batch);
 }

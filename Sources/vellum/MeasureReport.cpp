@@ -262,6 +262,10 @@ Json::Object record(const std::filesystem::path& path, std::string_view error) {
   return record;
 }
 
+std::string failureText(const std::filesystem::path& path, std::string_view error, bool asJSON) {
+  return asJSON ? Json::compactText(record(path, error)) + "\n" : textBlock(path, error);
+}
+
 std::string csvHeader() {
   return fmt::format("{}", fmt::join(columns, ","));
 }

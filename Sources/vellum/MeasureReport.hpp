@@ -22,6 +22,9 @@ std::string textBlock(const std::filesystem::path& path, std::string_view error)
 Json::Object record(const std::filesystem::path& path, const FileMeasurement& measurement, bool withHistory);
 Json::Object record(const std::filesystem::path& path, std::string_view error);
 
+// A file that failed, ready to be written: its record on a line of its own, or its block.
+std::string failureText(const std::filesystem::path& path, std::string_view error, bool asJSON);
+
 // One line each, without its end. The cells are the record's values by column; a missing one is empty, the
 // values of a list are separated by semicolons.
 std::string csvHeader();

@@ -163,8 +163,7 @@ ExitCode plan(const Arguments& arguments) {
                           : textBlock(path, figures, made, measured->warnings)};
   };
   batch.failureText = [&](const std::filesystem::path& path, std::string_view error) {
-    return arguments.json ? Json::compactText(MeasureReport::record(path, error)) + "\n"
-                          : MeasureReport::textBlock(path, error);
+    return MeasureReport::failureText(path, error, arguments.json);
   };
   return runBatch(arguments.batch, batch);
 }

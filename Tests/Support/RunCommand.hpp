@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -21,13 +23,14 @@ namespace vellum::test {
 struct CommandResult {
   int exitCode;  // 128 + the signal that ended it, as shells have it
   std::string out, err;
-  std::int64_t peakKilobytes;  // most memory that it held
+  std::int64_t peakKilobytes;  // most memory that it held, where that was watched; else 0
 };
 
 struct CommandSettings {
   std::map<std::string, std::string> environment;  // added to this process's own
   std::filesystem::path out;                       // where standard output goes, instead of CommandResult
   std::filesystem::path workingFolder;
+  bool watchesMemory = false;
 };
 
 // The built `vellum`, under way. It is ended after a minute, so that a test cannot hang.
@@ -65,15 +68,33 @@ class RunningCommand {
   void signal(int number) const { ::kill(child_, number); }
 
   CommandResult wait() {
+    const std::int64_t peakKilobytes = settings_.watchesMemory ? watchMemory() : 0;
     int status = 0;
-    rusage usage{};
-    ::wait4(std::exchange(child_, -1), &status, 0, &usage);
+    ::waitpid(std::exchange(child_, -1), &status, 0);
     const bool isOurs = settings_.out.parent_path() == folder_.path();
     return {WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status),
-            isOurs ? readBytes(settings_.out) : "", readBytes(folder_ / "err"), usage.ru_maxrss};
+            isOurs ? readBytes(settings_.out) : "", readBytes(folder_ / "err"), peakKilobytes};
   }
 
  private:
+  // The system's own account of an ended child begins with what this process held when it forked, so the
+  // highest mark is read while the child runs.
+  std::int64_t watchMemory() const {
+    std::int64_t peak = 0;
+    siginfo_t info{};
+    while (::waitid(P_PID, static_cast<id_t>(child_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == 0) {
+      std::ifstream status("/proc/" + std::to_string(child_) + "/status");
+      std::ifstream commandLine("/proc/" + std::to_string(child_) + "/cmdline");
+      std::string program;
+      std::getline(commandLine, program, '\0');
+      for (std::string line; program == VELLUM_COMMAND && std::getline(status, line);)
+        if (line.starts_with("VmHWM:")) peak = std::max<std::int64_t>(peak, std::stoll(line.substr(6)));
+      ::usleep(1000);
+    }
+    return peak;
+  }
+
   static void redirect(int descriptor, const char* path, int flags) {
     const int file = ::open(path, flags, 0600);
     if (file < 0 || ::dup2(file, descriptor) < 0) ::_exit(125);
@@ -86,6 +107,13 @@ class RunningCommand {
 
 inline CommandResult runVellum(const std::vector<std::string>& arguments, CommandSettings settings = {}) {
   return RunningCommand(arguments, std::move(settings)).wait();
+}
+
+// The same, with peakKilobytes.
+inline CommandResult runVellumWatchingMemory(const std::vector<std::string>& arguments) {
+  CommandSettings settings;
+  settings.watchesMemory = true;
+  return runVellum(arguments, settings);
 }
 
 }  // namespace vellum::test

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "Support/AudioFiles.hpp"
+#include "Support/CommandText.hpp"
 #include "Support/RealAudio.hpp"
 #include "Support/RunCommand.hpp"
 #include "Support/Signals.hpp"
@@ -37,34 +38,19 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::ordered_json;
+using test::Arguments;
 using test::Audio;
 using test::CommandResult;
 using test::contains;
+using test::linesOf;
+using test::operator+;
+using test::recordsOf;
 using test::runVellum;
 using test::startsWith;
 using test::TargetRule;
 using test::TemporaryFolder;
-using Arguments = std::vector<std::string>;
 
 const Arguments modes = {"music", "podcast", "vod", "broadcast"};
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
-std::vector<ordered_json> recordsOf(const std::string& out) {
-  std::vector<ordered_json> records;
-  for (const std::string& line : linesOf(out)) records.push_back(ordered_json::parse(line));
-  return records;
-}
-
-Arguments operator+(Arguments first, const Arguments& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
-}
 
 CommandResult check(const Arguments& arguments) {
   return runVellum(Arguments{"check"} + arguments);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "Support/AudioFiles.hpp"
+#include "Support/CommandText.hpp"
 #include "Support/RealAudio.hpp"
 #include "Support/RunCommand.hpp"
 #include "Support/Signals.hpp"
@@ -30,17 +31,13 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::ordered_json;
+using test::Arguments;
 using test::Audio;
 using test::CommandResult;
 using test::contains;
+using test::operator+;
 using test::runVellum;
 using test::TemporaryFolder;
-using Arguments = std::vector<std::string>;
-
-Arguments operator+(Arguments a, const Arguments& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
 
 // The record of `vellum deliver --json ARGUMENTS`, which has to answer exitCode.
 ordered_json deliver(const Arguments& arguments, int exitCode = 0) {
@@ -606,9 +603,10 @@ TEST(DeliverCommand, MemoryDoesNotGrowWithTheProgramme) {
   const TemporaryFolder folder;
   const auto peakOf = [&](double seconds) {
     writeTone(folder / "in.wav", -20, seconds, wav16);
-    const CommandResult result = runVellum(
+    const CommandResult result = test::runVellumWatchingMemory(
         {"deliver", "--force", folder / "in.wav", folder / "out.wav", "--target", "broadcast.ebuR128"});
     EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_GT(result.peakKilobytes, 1000);
     return result.peakKilobytes;
   };
   const std::int64_t brief = peakOf(5), lengthy = peakOf(105);

@@ -20,6 +20,7 @@
 
 #include "Support/AudioFiles.hpp"
 #include "Support/ChannelMapFiles.hpp"
+#include "Support/CommandText.hpp"
 #include "Support/RunCommand.hpp"
 #include "Support/Signals.hpp"
 #include "Support/TemporaryFolder.hpp"
@@ -30,29 +31,18 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::ordered_json;
+using test::Arguments;
 using test::Audio;
 using test::CommandResult;
 using test::contains;
+using test::linesOf;
+using test::recordsOf;
 using test::runVellum;
 using test::startsWith;
 using test::TemporaryFolder;
-using Arguments = std::vector<std::string>;
 
 // What EBU Tech 3341 allows between the loudness of a tone and its reading, in LU.
 constexpr double toneTolerance = 0.1;
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
-std::vector<ordered_json> recordsOf(const std::string& out) {
-  std::vector<ordered_json> records;
-  for (const std::string& line : linesOf(out)) records.push_back(ordered_json::parse(line));
-  return records;
-}
 
 // The records of `vellum measure --json ARGUMENTS`, which has to answer exitCode.
 std::vector<ordered_json> measureAll(Arguments arguments, int exitCode = 0) {
@@ -1106,9 +1096,10 @@ TEST(MeasureCommand, MemoryDoesNotGrowWithTheAudio) {
   const TemporaryFolder folder;
   test::writeAudio(folder / "short.flac", Audio(2, 8000 * 240), 8000, test::flac);
   test::writeAudio(folder / "long.flac", Audio(2, 8000 * 2400), 8000, test::flac);
-  const auto shortRun = runVellum({"measure", folder / "short.flac"});
-  const auto longRun = runVellum({"measure", folder / "long.flac"});
+  const auto shortRun = test::runVellumWatchingMemory({"measure", folder / "short.flac"});
+  const auto longRun = test::runVellumWatchingMemory({"measure", folder / "long.flac"});
   EXPECT_EQ(longRun.exitCode, 0);
+  EXPECT_GT(shortRun.peakKilobytes, 1000);
   const double blocks = (2400 - 240) * 10;
   EXPECT_LT(static_cast<double>(longRun.peakKilobytes - shortRun.peakKilobytes) * 1024,
             blocks * 300);  // with slack of growing arrays

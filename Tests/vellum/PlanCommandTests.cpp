@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Support/AudioFiles.hpp"
+#include "Support/CommandText.hpp"
 #include "Support/RealAudio.hpp"
 #include "Support/RunCommand.hpp"
 #include "Support/Signals.hpp"
@@ -21,16 +22,12 @@ namespace vellum {
 namespace {
 
 using nlohmann::ordered_json;
+using test::Arguments;
 using test::CommandResult;
 using test::contains;
+using test::operator+;
 using test::runVellum;
 using test::TemporaryFolder;
-using Arguments = std::vector<std::string>;
-
-Arguments operator+(Arguments a, const Arguments& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
 
 ordered_json planOf(const std::string& path, const Arguments& arguments, int exitCode = 0) {
   const CommandResult result = runVellum(Arguments{"plan", "--json", path} + arguments);

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "Support/CommandText.hpp"
 #include "Support/RunCommand.hpp"
 #include "Support/TargetRules.hpp"
 #include "Support/TemporaryFolder.hpp"
@@ -22,19 +23,13 @@ namespace {
 using nlohmann::ordered_json;
 using test::CommandResult;
 using test::contains;
+using test::linesOf;
 using test::runVellum;
 using test::startsWith;
 using test::TargetRule;
 using Texts = std::vector<std::string>;
 
 const Texts modes = {"music", "podcast", "vod", "broadcast"};
-
-Texts linesOf(const std::string& text) {
-  std::istringstream stream(text);
-  Texts lines;
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
 
 // The characters of UTF-8 text.
 Texts charactersOf(const std::string& text) {
