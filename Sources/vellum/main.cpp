@@ -12,6 +12,7 @@
 
 #include "VellumApp/DocumentFile.hpp"
 #include "VellumApp/FileError.hpp"
+#include "vellum/ChaptersCommand.hpp"
 #include "vellum/CheckCommand.hpp"
 #include "vellum/Console.hpp"
 #include "vellum/DeliverCommand.hpp"
@@ -67,6 +68,7 @@ ExitCode run(int argc, char** argv) {
   addPlanCommand(app, exitCode);
   addDeliverCommand(app, exitCode);
   addLimitCommand(app, exitCode);
+  addChaptersCommand(app, exitCode);
 
   try {
     app.parse(argumentsOf(argc, argv));
