@@ -6,6 +6,7 @@
 // defines VELLUM_VECTOR_BYTES.
 
 #include "VellumCore/Kernels/Kernels.hpp"
+#include "VellumCore/Kernels/WaveformLoops.hpp"
 
 namespace vellum {
 namespace {
@@ -279,9 +280,29 @@ void exchangeWithGain(float* x, float* line, const float* gains, std::int64_t n)
 }
 
 constexpr KernelTable tableNamed(const char* name) {
-  return {
-      name,     sum,   sumOfSquares,    peakMagnitude,    nonFiniteCount,  add,          scale,
-      multiply, power, kWeightedEnergy, oversampledPeaks, raiseToTapPeaks, ceilingGains, exchangeWithGain};
+  return {name,
+          sum,
+          sumOfSquares,
+          peakMagnitude,
+          nonFiniteCount,
+          add,
+          scale,
+          multiply,
+          power,
+          kWeightedEnergy,
+          oversampledPeaks,
+          raiseToTapPeaks,
+          ceilingGains,
+          exchangeWithGain,
+          sine,
+          linearChirp,
+          logarithmicChirp,
+          sineSeries,
+          manyHarmonicsSquare,
+          manyHarmonicsTriangle,
+          manyHarmonicsSawtooth,
+          raisedCosine,
+          decibelsToGains};
 }
 
 }  // namespace

@@ -42,6 +42,20 @@ struct PolyphaseTaps {
   float taps[3][12];
 };
 
+// A sine whose frequency moves, by the time t = frame / sampleRate.
+struct Chirp {
+  double sampleRate;
+  double startHz, slope;            // linear: phase 2 pi (startHz t + slope t^2)
+  double seconds, logRatio, scale;  // logarithmic: phase scale (e^(logRatio t / seconds) - 1)
+};
+
+// sum over k < count of coefficients[k] sin(h w), with h = k + 1, or with h = 2k + 1 where oddOnly is set.
+struct SineSeries {
+  const double* coefficients;
+  std::int64_t count;
+  bool oddOnly;
+};
+
 struct KernelTable {
   const char* name;  // "baseline", "avx2"
 
@@ -76,6 +90,25 @@ struct KernelTable {
 
   // Exchanges samples with a stretch of a delay line: x takes gains * line, line takes what x was.
   void (*exchangeWithGain)(float* x, float* line, const float* gains, std::int64_t n);
+
+  // Test signals: the n frames from frame `first` on, of a signal whose phase moves on by `step` radians a
+  // frame. A frame's phase is its number times `step` in 64 bit and everything follows from it in 64 bit, so
+  // that a sample does not depend on what is asked for beside it. Phases up to 2^31 pi.
+  void (*sine)(double step, float amplitude, float* x, std::int64_t first, std::int64_t n);
+  void (*linearChirp)(const Chirp& chirp, float amplitude, float* x, std::int64_t first, std::int64_t n);
+  void (*logarithmicChirp)(const Chirp& chirp, float amplitude, float* x, std::int64_t first, std::int64_t n);
+  void (*sineSeries)(const SineSeries& series, double step, float* x, std::int64_t first, std::int64_t n);
+  // The sum of the odd harmonics h < L with the amplitude 1/h, L even; of the same with the amplitudes 1/h^2,
+  // -1/h^2 by turns; and of all harmonics h <= (L - 1) / 2 with 1/h, -1/h by turns, L odd. At one cost for
+  // any L of 64 or more, off by less than 2e-8.
+  void (*manyHarmonicsSquare)(double L, double step, float* x, std::int64_t first, std::int64_t n);
+  void (*manyHarmonicsTriangle)(double L, double step, float* x, std::int64_t first, std::int64_t n);
+  void (*manyHarmonicsSawtooth)(double L, double step, float* x, std::int64_t first, std::int64_t n);
+
+  // x[i] *= 0.5 - 0.5 cos(p pi / length) with p = position + direction * i, in 32 bit; direction is 1 or -1.
+  void (*raisedCosine)(std::int64_t position, std::int64_t direction, std::int64_t length, float* x,
+                       std::int64_t n);
+  void (*decibelsToGains)(float* x, std::int64_t n);  // x = e^(0.115129255 x), the product in 32 bit
 };
 
 // The fastest table that this CPU runs. Chosen once.
