@@ -12,24 +12,12 @@ constexpr AudioChannelLabel mono = 42;
 
 // What the meter's default weights take a channel count for; no channels where they take it for nothing.
 AudioChannelLayout layoutByCount(std::int64_t channelCount) {
-  switch (channelCount) {
-    case 1:
-      return AudioChannelLayout::ofTag(AudioChannelLayout::mono);
-    case 2:
-      return AudioChannelLayout::ofTag(AudioChannelLayout::stereo);
-    case 3:
-      return AudioChannelLayout::ofTag(AudioChannelLayout::mpeg30A);
-    case 4:
-      return AudioChannelLayout::ofTag(AudioChannelLayout::quadraphonic);
-    case 5:
-      return AudioChannelLayout::ofTag(AudioChannelLayout::mpeg50A);
-    case 6:
-      return AudioChannelLayout::ofTag(AudioChannelLayout::mpeg51A);
-    case 8:
-      return AudioChannelLayout::ofTag(AudioChannelLayout::mpeg71C);
-    default:
-      return {};
-  }
+  if (channelCount == 1) return AudioChannelLayout::ofTag(AudioChannelLayout::mono);
+  if (channelCount == 2) return AudioChannelLayout::ofTag(AudioChannelLayout::stereo);
+  if (channelCount == 8) return AudioChannelLayout::ofTag(AudioChannelLayout::mpeg71C);
+  constexpr double anyRate = 48000;
+  const auto canonical = ChannelOrder::canonicalFormat(anyRate, channelCount);
+  return canonical ? *canonical->channelLayout : AudioChannelLayout{};
 }
 
 }  // namespace
