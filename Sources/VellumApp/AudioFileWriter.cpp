@@ -23,12 +23,15 @@ struct AudioShape {
   std::span<const AudioChannelLabel> labels;
 };
 
-// At most 2^60: a length may be anything that a file claims.
-std::int64_t dataBytes(const AudioFileFormat& format, const AudioShape& shape) {
+// A length may be anything that a file claims: no more frames than make 2^60 bytes.
+std::int64_t sensibleFrames(std::int64_t frameCount, std::int64_t frameBytes) {
   constexpr std::int64_t most = std::int64_t{1} << 60;
-  const std::int64_t frameBytes =
-      std::max<std::int64_t>(1, shape.channelCount * bytesPerSample(format.coding));
-  return std::min(shape.frameCount, most / frameBytes) * frameBytes;
+  return std::min(frameCount, most / std::max<std::int64_t>(1, frameBytes));
+}
+
+std::int64_t dataBytes(const AudioFileFormat& format, const AudioShape& shape) {
+  const std::int64_t frameBytes = shape.channelCount * bytesPerSample(format.coding);
+  return sensibleFrames(shape.frameCount, frameBytes) * frameBytes;
 }
 
 // --- What a container cannot take ------------------------------------------------------------------------
@@ -152,7 +155,7 @@ struct AudioFileWriter::Encoder {
       : format(settings.format),
         sampleRate(static_cast<std::int64_t>(settings.sampleRate)),
         channelCount(settings.channelCount),
-        frameCount(settings.frameCount),
+        frameCount(sensibleFrames(settings.frameCount, channelCount * bytesPerSample(format.coding))),
         labels(labelsToWrite(settings)),
         spelling(MetadataForms::spell(settings.metadata, settings.format.container)),
         file(settings.output) {
