@@ -39,7 +39,6 @@ class Chain {
     toDrop_ = latency_;
   }
 
-  std::int64_t latency() const { return latency_; }
   double largestReductionDB() const {
     return limiter_ ? std::max(0.0, -20.0 * std::log10(static_cast<double>(limiter_->smallestGain()))) : 0.0;
   }

@@ -149,6 +149,7 @@ ExitCode plan(const Arguments& arguments) {
 
   FileBatch batch;
   batch.done = "planned";
+  batch.missed = "have a target that no master serves";
   if (!arguments.json) batch.separator = "\n";
   if (!arguments.targets.selection.empty()) batch.furtherInputs.push_back(arguments.targets.selection);
   batch.work = [&](const std::filesystem::path& path,

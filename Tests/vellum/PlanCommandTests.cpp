@@ -175,5 +175,12 @@ TEST(PlanCommand, WrongArgumentsAreTold) {
   EXPECT_EQ(runVellum({"plan", "a.wav", "--target", "none"}).exitCode, 2);
 }
 
+// Music has no dialogue, so no gain serves a target that judges it.
+TEST(PlanCommand, TheSummaryCountsTheFilesWithAnUnservedTarget) {
+  const CommandResult result = runVellum({"plan", "--target", "vod.netflix", bassLoop(), bassLoop()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.err, "vellum: 2 of 2 files have a target that no master serves\n");
+}
+
 }  // namespace
 }  // namespace vellum
