@@ -322,6 +322,15 @@ TEST(SignalGeneratorShapes, NoFrequencyIsTooLow) {
   EXPECT_NEAR(step[4000], 1 / 1.178979744, 1e-4);  // 2 Si(pi) / pi above where it settles
 }
 
+// Frame 0 is a sum of sines of 0, which no level can be brought to.
+TEST(SignalGeneratorShapes, OfOneFrameAreSilent) {
+  for (const double frequency : {1e-9, 1.0, 100.0, 440.0, 12'000.0})
+    for (const Source& source : {Source{Source::Square{frequency}}, Source{Source::Sawtooth{frequency}},
+                                 Source{Source::Triangle{frequency}}})
+      EXPECT_EQ(Generator::renderModule(moduleOf(source, 1 / rate, 0), rate, 1), std::vector<float>{0})
+          << frequency << " Hz";
+}
+
 TEST(SignalGeneratorShapes, OfNoFrequencyOrNoFramesAreSilentOrEmpty) {
   for (const double frequency : {0.0, -1.0, -440.0, nan, infinity, 24000.0, 1e300})
     for (const Waveform waveform : waveforms)
@@ -856,6 +865,48 @@ TEST(SignalGeneratorRender, EverySourceIsFiniteAtAnySampleRate) {
         EXPECT_FALSE(isSilent(x));
         for (const float value : x) ASSERT_LE(std::fabs(value), 4) << sampleRate << " Hz";
       }
+}
+
+// Two frames there last longer than 64 bit can tell in seconds.
+TEST(SignalGeneratorRender, ASweepIsFiniteAtTheLowestSampleRates) {
+  for (const SweepShape shape : {SweepShape::linear, SweepShape::logarithmic}) {
+    const auto x =
+        Generator::renderModule(moduleOf({Source::Sweep{2.5e-309, 2.5e-309, shape}}, 1.7e308, 0), 1e-308, 1);
+    ASSERT_EQ(x.size(), 2u);
+    EXPECT_NEAR(x[1], 1, 1e-6);  // a quarter of the rate
+    for (const float value :
+         Generator::renderModule(moduleOf({Source::Sweep{1e-309, 4e-309, shape}}, 1.7e308, 0), 1e-308, 1))
+      EXPECT_LE(std::fabs(value), 1);
+  }
+}
+
+// 10^(dB / 20) has no place in 32 bit from +771 dB on, and neither has its product with a sweep's gain
+// before.
+TEST(SignalGeneratorRender, LevelsWithoutAPlaceIn32BitAreTheLargestFloat) {
+  constexpr float largest = std::numeric_limits<float>::max();
+  const std::optional<LevelSweep> sweeps[] = {std::nullopt, LevelSweep{-200, -200, LevelSweepShape::linear},
+                                              LevelSweep{-60, 1000, LevelSweepShape::linear},
+                                              LevelSweep{-60, 1000, LevelSweepShape::logarithmic},
+                                              LevelSweep{1000, 1000, LevelSweepShape::logarithmic}};
+  for (const Source& source :
+       {Source{Source::Silence{}}, Source{Source::Sine{997}}, Source{Source::Square{40}},
+        Source{Source::Sawtooth{9000}}, Source{Source::Noise{NoiseColor::pink}}, Source{Source::Impulse{}},
+        Source{Source::Sweep{20, 200, SweepShape::linear}}})
+    for (const float gainDB : {-6.0f, 600.0f, 768.0f, 800.0f, largest})
+      for (const auto& sweep : sweeps) {
+        auto module = moduleOf(source, 0.01, gainDB);
+        module.levelSweep = sweep;
+        module.fadeOutSeconds = 0.001;
+        const auto spec = specOf({{module, module, startingAt(0.002, module)}});
+        const auto channels = Generator::render(spec);
+        for (const float value : channels[0]) ASSERT_LE(std::fabs(value), largest);
+        if (gainDB == largest && std::holds_alternative<Source::Sine>(source.value) && !sweep) {
+          EXPECT_GT(peakOf(Generator::renderModule(module, rate, 1)), 0.999 * double{largest});
+        }
+      }
+  auto module = moduleOf({Source::Impulse{}}, 0.01, 0);
+  module.levelSweep = LevelSweep{-60, 1000, LevelSweepShape::linear};
+  EXPECT_NEAR(Generator::renderModule(module, rate, 1)[0], 0.001f, 1e-9f);  // the start is exact all the same
 }
 
 TEST(SignalGeneratorRender, ABurstSpacesImpulsesAndGatesNone) {

@@ -83,6 +83,36 @@ TEST(SignalStream, KeepsToTheHarmonicCap) {
   EXPECT_NE(capped, SignalGenerator::render(spec));
 }
 
+// Modules come in and go in any order, hundreds at a time.
+TEST(SignalStream, ManyModulesInAnyOrderEqualTheWhole) {
+  std::mt19937 rng(67);
+  std::uniform_real_distribution<double> seconds(0, 1);
+  std::vector<GeneratorModule> modules;
+  for (int m = 0; m < 1000; ++m) {
+    const Source source = m % 3 == 0   ? Source{Source::Noise{NoiseColor::pink}}
+                          : m % 3 == 1 ? Source{Source::Sawtooth{300.0 + m}}
+                                       : Source{Source::Sine{100.0 + m}};
+    modules.push_back(
+        startingAt(seconds(rng), moduleOf(source, 0.001 + 0.3 * seconds(rng) * seconds(rng), -40)));
+  }
+  for (const std::optional<float> ceiling : {std::optional<float>{}, {-30.0f}}) {
+    auto spec = specOf({modules, {modules.begin(), modules.begin() + 10}});
+    spec.peakCeilingDB = ceiling;
+    SignalStream stream(spec);
+    EXPECT_EQ(pieced(stream, randomSplits(rng, stream.frameCount())), SignalGenerator::render(spec));
+  }
+}
+
+TEST(SignalStream, LevelsWithoutAPlaceIn32BitEqualTheWhole) {
+  const auto loud = moduleOf({Source::Sine{997}}, 0.1, 800);
+  const auto spec =
+      specOf({{loud, startingAt(0.01, loud), moduleOf({Source::Noise{NoiseColor::white}}, 0.1, 800)}});
+  SignalStream stream(spec);
+  const auto streamed = pieced(stream, equalSplits(stream.frameCount(), 700));
+  EXPECT_EQ(streamed, SignalGenerator::render(spec));
+  for (const float value : streamed[0]) ASSERT_TRUE(std::isfinite(value));
+}
+
 TEST(SignalStream, APassAheadInAnyStepsChangesNothing) {
   auto spec = everything();
   spec.peakCeilingDB = -12;
@@ -123,6 +153,8 @@ TEST(SignalStream, OnlyNoiseShapesAndACeilingTakeAPassAhead) {
   EXPECT_EQ(SignalStream(spec).unmeasuredFrames(), 24000);
   spec.duration = 0.1;
   EXPECT_EQ(SignalStream(spec).unmeasuredFrames(), 24000);
+  spec.channels[1].modules.back().gainDB = -200;
+  EXPECT_EQ(SignalStream(spec).unmeasuredFrames(), 0);
 }
 
 TEST(SignalStream, ChannelsThatAreNotWantedLeaveTheOthersAlone) {
@@ -241,14 +273,15 @@ GeneratorSpec anySpec() {
   std::vector<std::vector<GeneratorModule>> channels(static_cast<std::size_t>(*rc::gen::inRange(1, 4)));
   const double sampleRate = *rc::gen::element(0.5, 1000.0, 44100.0, 1e6);
   const double second = 3000 / sampleRate;
+  const double mostDB = *rc::gen::element(40, 40, 40, 1600);  // 32 bit ends at 770
   for (auto& modules : channels)
     for (int m = *rc::gen::inRange(0, 4); m > 0; --m) {
       auto module =
-          moduleOf(anySource(sampleRate / 2), any(0.01, 1) * second, static_cast<float>(any(-220, 40)));
+          moduleOf(anySource(sampleRate / 2), any(0.01, 1) * second, static_cast<float>(any(-220, mostDB)));
       module.start = any(0, 0.5) * second;
       if (*rc::gen::arbitrary<bool>())
         module.levelSweep =
-            LevelSweep{static_cast<float>(any(-220, 40)), static_cast<float>(any(-220, 40)),
+            LevelSweep{static_cast<float>(any(-220, mostDB)), static_cast<float>(any(-220, mostDB)),
                        *rc::gen::element(LevelSweepShape::linear, LevelSweepShape::logarithmic)};
       if (*rc::gen::arbitrary<bool>())
         module.burst = BurstGate{any(-0.1, 0.3) * second, any(-0.1, 0.3) * second, *rc::gen::inRange(-2, 5),
@@ -260,7 +293,8 @@ GeneratorSpec anySpec() {
   auto spec = specOf(std::move(channels));
   spec.sampleRate = sampleRate;
   if (*rc::gen::arbitrary<bool>()) spec.duration = any(0, 1.5) * second;
-  if (*rc::gen::arbitrary<bool>()) spec.peakCeilingDB = static_cast<float>(any(-220, 20));
+  // Under a low ceiling the gain of infinite levels would lack digits.
+  if (*rc::gen::arbitrary<bool>()) spec.peakCeilingDB = static_cast<float>(any(mostDB > 40 ? 20 : -220, 20));
   return spec;
 }
 

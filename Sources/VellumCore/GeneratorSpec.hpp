@@ -219,7 +219,7 @@ struct GeneratorSpec {
   // The first fault, looked for in the rate and the number of channels, then module by module, then in the
   // peak ceiling and the length. Without one, frameCount() is 1 to maxRenderFrames, every level and time is
   // finite, and every frequency lies between 0 and nyquist(), both excluded. Not asked for: the sign and size
-  // of levels, fades and a burst's times, and a burst's count.
+  // of levels and fades, the sign of a burst's times, its ramp and its count.
   std::optional<GeneratorSpecError> validate() const;
 
   friend bool operator==(const GeneratorSpec&, const GeneratorSpec&) = default;

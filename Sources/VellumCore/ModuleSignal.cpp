@@ -28,30 +28,34 @@ ModuleSignal::ModuleSignal(const GeneratorModule& module, double sampleRate, std
     source_ = BandlimitedSource(waveform, frequency, sampleRate, harmonicCap);
     leveling_ = Leveling::peak;
   };
-  std::visit(Visitor{
-                 [](const GeneratorSource::Silence&) {},
-                 [&](const GeneratorSource::Sine& sine) {
-                   source_ = SineSource(sine.frequency, amplitude_, sampleRate);
-                 },
-                 [&](const GeneratorSource::Square& square) { shape(Waveform::square, square.frequency); },
-                 [&](const GeneratorSource::Sawtooth& saw) { shape(Waveform::sawtooth, saw.frequency); },
-                 [&](const GeneratorSource::Triangle& tri) { shape(Waveform::triangle, tri.frequency); },
-                 [&](const GeneratorSource::Noise& noise) {
-                   source_ = NoiseSource(noise.color, seed);
-                   leveling_ = Leveling::rms;
-                 },
-                 [&](const GeneratorSource::Impulse&) {
-                   source_ = ImpulseSource(amplitude_, module.burst, sampleRate);
-                 },
-                 [&](const GeneratorSource::Sweep& sweep) {
-                   source_ = SweepSource(sweep, amplitude_, frames_, sampleRate);
-                 },
-             },
-             module.source.value);
+  if (amplitude_ > 0)  // else silent, and nothing is to be measured
+    std::visit(Visitor{
+                   [](const GeneratorSource::Silence&) {},
+                   [&](const GeneratorSource::Sine& sine) {
+                     source_ = SineSource(sine.frequency, amplitude_, sampleRate);
+                   },
+                   [&](const GeneratorSource::Square& square) { shape(Waveform::square, square.frequency); },
+                   [&](const GeneratorSource::Sawtooth& saw) { shape(Waveform::sawtooth, saw.frequency); },
+                   [&](const GeneratorSource::Triangle& tri) { shape(Waveform::triangle, tri.frequency); },
+                   [&](const GeneratorSource::Noise& noise) {
+                     source_ = NoiseSource(noise.color, seed);
+                     leveling_ = Leveling::rms;
+                   },
+                   [&](const GeneratorSource::Impulse&) {
+                     source_ = ImpulseSource(amplitude_, module.burst, sampleRate);
+                   },
+                   [&](const GeneratorSource::Sweep& sweep) {
+                     source_ = SweepSource(sweep, amplitude_, frames_, sampleRate);
+                   },
+               },
+               module.source.value);
   if (module.levelSweep) levelEnvelope_.emplace(*module.levelSweep, frames_);
   // To an impulse the burst is its spacing, not a gate.
   if (module.burst && !std::holds_alternative<ImpulseSource>(source_))
     burstEnvelope_.emplace(*module.burst, sampleRate);
+  // Sources before their level, and the sum of all modules that a document can hold, stay far below 2^28.
+  const float gain = levelEnvelope_ ? levelEnvelope_->largestGain() : 1.0f;
+  mayOverflow_ = static_cast<double>(amplitude_) * static_cast<double>(std::max(gain, 1.0f)) > 0x1p100;
 }
 
 void ModuleSignal::renderSource(float* x, std::int64_t first, std::int64_t n) {
@@ -89,7 +93,9 @@ void ModuleSignal::render(float* x, std::int64_t n) {
   renderSource(x, first, run);
   if (!isMeasured()) measure(x, run);
   if (leveling_ != Leveling::none) scaleToLevel(x, run, level(), amplitude_);
+  if (mayOverflow_) saturate(x, run);
   if (levelEnvelope_) levelEnvelope_->apply(x, first, run);
+  if (mayOverflow_) saturate(x, run);
   if (burstEnvelope_) burstEnvelope_->apply(x, first, run);
   fadeEnvelope_.apply(x, first, run);
   position_ += run;

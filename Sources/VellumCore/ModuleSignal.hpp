@@ -26,6 +26,10 @@ class ModuleSignal {
   std::int64_t unmeasuredFrames() const { return isMeasured() ? 0 : frames_ - measured_; }
   void measure(std::int64_t frames);  // at most so many more
 
+  // Whether levels are so high that the sum of such modules may leave 32 bit. Samples themselves never do:
+  // what would be larger than the largest float is that.
+  bool mayOverflow() const { return mayOverflow_; }
+
   // The next n frames, silent after the last.
   void render(float* x, std::int64_t n);
   void rewind() { position_ = 0; }
@@ -45,6 +49,7 @@ class ModuleSignal {
   std::optional<LevelEnvelope> levelEnvelope_;
   std::optional<BurstEnvelope> burstEnvelope_;
   FadeEnvelope fadeEnvelope_;
+  bool mayOverflow_;
 
   std::int64_t measured_ = 0;  // frames
   float peak_ = 0;

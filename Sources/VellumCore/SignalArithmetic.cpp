@@ -2,11 +2,18 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "VellumCore/Kernels/Elementary.hpp"
 #include "VellumCore/Kernels/Kernels.hpp"
 
 namespace vellum {
+
+namespace {
+
+constexpr float largest = std::numeric_limits<float>::max();
+
+}  // namespace
 
 std::int64_t framesOfSeconds(double seconds, double sampleRate) {
   const double frames = std::round(seconds * sampleRate);
@@ -18,7 +25,12 @@ float flooredAmplitude(float dB) {
   constexpr double ln10 = 2.302585092994046;
   if (dB <= -200.0f) return 0;
   // A float ends far below e^700.
-  return static_cast<float>(exponential(std::min(static_cast<double>(dB / 20.0f) * ln10, 700.0)));
+  const double amplitude = exponential(std::min(static_cast<double>(dB / 20.0f) * ln10, 700.0));
+  return static_cast<float>(std::min(amplitude, static_cast<double>(largest)));
+}
+
+void saturate(float* x, std::int64_t n) {
+  for (std::int64_t i = 0; i < n; ++i) x[i] = std::clamp(x[i], -largest, largest);
 }
 
 std::uint64_t moduleSeed(std::uint64_t channel, std::uint64_t module) {

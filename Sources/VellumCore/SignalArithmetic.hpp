@@ -9,8 +9,12 @@ namespace vellum {
 // 9e15 is the most.
 std::int64_t framesOfSeconds(double seconds, double sampleRate);
 
-// 10^(dB / 20), -200 dB and below exactly 0. As dbToLinear, but with the same last bit on every CPU.
+// 10^(dB / 20), -200 dB and below exactly 0; what has no place in 32 bit (+771 dB and more) is the largest
+// float. As dbToLinear, but with the same last bit on every CPU.
 float flooredAmplitude(float dB);
+
+// What became infinite is the largest float again.
+void saturate(float* x, std::int64_t n);
 
 // Of the module at these positions in the document, counted from 0.
 std::uint64_t moduleSeed(std::uint64_t channel, std::uint64_t module);

@@ -17,6 +17,14 @@ LevelEnvelope::LevelEnvelope(const LevelSweep& sweep, std::int64_t frames)
   }
 }
 
+float LevelEnvelope::largestGain() const {
+  float gain = std::max(start_, end_);
+  if (shape_ == LevelSweepShape::linear) return gain;
+  kernels().decibelsToGains(&gain, 1);
+  saturate(&gain, 1);
+  return gain;
+}
+
 void LevelEnvelope::apply(float* x, std::int64_t first, std::int64_t n) const {
   constexpr std::int64_t block = 512;
   float gains[block];
@@ -28,7 +36,10 @@ void LevelEnvelope::apply(float* x, std::int64_t first, std::int64_t n) const {
       gains[i] = static_cast<float>(start + rise * static_cast<double>(from + i) / last);
     // Rounding may keep the line from ending where it should.
     if (from + run == frames_ && frames_ > 1) gains[run - 1] = end_;
-    if (shape_ == LevelSweepShape::logarithmic) kernels().decibelsToGains(gains, run);
+    if (shape_ == LevelSweepShape::logarithmic) {
+      kernels().decibelsToGains(gains, run);
+      saturate(gains, run);
+    }
     kernels().multiply(x + done, gains, x + done, run);
   }
 }

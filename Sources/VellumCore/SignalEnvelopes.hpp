@@ -9,11 +9,12 @@
 namespace vellum {
 
 // Gains in a straight line, of amplitude or of dB, from the first frame to the last, both exact. A single
-// frame takes the start's.
+// frame takes the start's. Gains are finite: at most the largest float.
 class LevelEnvelope {
  public:
   LevelEnvelope(const LevelSweep& sweep, std::int64_t frames);
   void apply(float* x, std::int64_t first, std::int64_t n) const;
+  float largestGain() const;
 
  private:
   LevelSweepShape shape_;

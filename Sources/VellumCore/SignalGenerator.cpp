@@ -27,6 +27,12 @@ std::vector<float> framesOf(Source source, std::int64_t frames) {
   return samples;
 }
 
+std::vector<float> wholeOf(ModuleSignal& signal) {
+  std::vector<float> samples(static_cast<std::size_t>(signal.frameCount()));
+  signal.render(samples.data(), signal.frameCount());
+  return samples;
+}
+
 }  // namespace
 
 std::vector<std::vector<float>> render(const GeneratorSpec& spec, std::optional<std::int64_t> harmonicCap) {
@@ -39,8 +45,11 @@ std::vector<std::vector<float>> render(const GeneratorSpec& spec, std::optional<
     for (std::size_t m = 0; m < modules.size(); ++m) {
       const std::int64_t offset = framesOfSeconds(modules[m].start, spec.sampleRate);
       if (offset >= frames) continue;
-      const auto samples = renderModule(modules[m], spec.sampleRate, moduleSeed(c, m), harmonicCap);
-      kernels().add(channels[c].data() + offset, samples.data(), std::min(frames - offset, countOf(samples)));
+      ModuleSignal signal(modules[m], spec.sampleRate, moduleSeed(c, m), harmonicCap);
+      const auto samples = wholeOf(signal);
+      const std::int64_t heard = std::min(frames - offset, countOf(samples));
+      kernels().add(channels[c].data() + offset, samples.data(), heard);
+      if (signal.mayOverflow()) saturate(channels[c].data() + offset, heard);
     }
   }
   if (spec.peakCeilingDB) applyPeakCeiling(channels, *spec.peakCeilingDB);
@@ -50,9 +59,7 @@ std::vector<std::vector<float>> render(const GeneratorSpec& spec, std::optional<
 std::vector<float> renderModule(const GeneratorModule& module, double sampleRate, std::uint64_t seed,
                                 std::optional<std::int64_t> harmonicCap) {
   ModuleSignal signal(module, sampleRate, seed, harmonicCap);
-  std::vector<float> samples(static_cast<std::size_t>(signal.frameCount()));
-  signal.render(samples.data(), signal.frameCount());
-  return samples;
+  return wholeOf(signal);
 }
 
 std::vector<float> sine(double frequency, float amplitude, std::int64_t frames, double sampleRate) {

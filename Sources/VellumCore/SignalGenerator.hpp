@@ -12,8 +12,8 @@
 // and every x86-64 CPU: noise is seeded by the positions of channel and module, and no sine, exponential or
 // logarithm is the C library's. Tones are off by less than 1e-6 of full scale 10 minutes after their start.
 //
-// GeneratorSpec::validate is the caller's to ask. Levels are not bounded by it: above +770 dB they are
-// infinite in 32 bit.
+// GeneratorSpec::validate is the caller's to ask. Levels are not bounded by it: samples and gains of a
+// document that have no place in 32 bit (+771 dB) are held at the largest float.
 //
 // Everything here holds its whole result in memory. SignalStream renders the same samples piece by piece.
 namespace vellum::SignalGenerator {

@@ -31,7 +31,9 @@ class SineSource {
 // The harmonics of a waveform below half the sample rate, at most max(kCap, 1) of them: sines of amplitude
 //   sawtooth 1/h, -1/h by turns; square 1/h, odd h only; triangle 1/h^2, -1/h^2 by turns, odd h only.
 // Silent where there is none. A few are added up by a recurrence and many in closed form, off by less than
-// 2e-8, so that even 1 nHz, which has 10^13 harmonics, costs no more than 400 Hz.
+// 2e-8, so that even 1 nHz, which has 10^13 harmonics, costs no more than 400 Hz. That is before a module's
+// peak is brought to its level, which enlarges it where the module ends long before its highest harmonic's
+// first crest: only a harmonic cap makes such modules of more than a frame.
 class BandlimitedSource {
  public:
   BandlimitedSource(Waveform waveform, double frequency, double sampleRate, std::optional<std::int64_t> kCap);

@@ -19,14 +19,21 @@ SignalStream::SignalStream(const GeneratorSpec& spec, std::optional<std::int64_t
   if (frames < 1 || !(spec.sampleRate > 0) || spec.channels.empty()) return;
   frames_ = frames;
   channelCount_ = spec.channelCount();
-  voices_.resize(spec.channels.size());
-  for (std::size_t c = 0; c < voices_.size(); ++c) {
+  tracks_.resize(spec.channels.size());
+  for (std::size_t c = 0; c < tracks_.size(); ++c) {
+    Track& track = tracks_[c];
     const auto& modules = spec.channels[c].modules;
     for (std::size_t m = 0; m < modules.size(); ++m) {
       const std::int64_t offset = framesOfSeconds(modules[m].start, spec.sampleRate);
       if (offset >= frames_) continue;
-      voices_[c].push_back({offset, {modules[m], spec.sampleRate, moduleSeed(c, m), harmonicCap}});
+      track.byOffset.push_back(track.voices.size());
+      track.voices.push_back({offset, {modules[m], spec.sampleRate, moduleSeed(c, m), harmonicCap}});
+      unmeasuredOfModules_ += track.voices.back().signal.unmeasuredFrames();
     }
+    std::stable_sort(track.byOffset.begin(), track.byOffset.end(), [&](std::size_t a, std::size_t b) {
+      return track.voices[a].offset < track.voices[b].offset;
+    });
+    track.sounding.reserve(track.voices.size());
   }
   // A ceiling at the floor is none and needs no pass.
   if (spec.peakCeilingDB && flooredAmplitude(*spec.peakCeilingDB) > 0) peakCeilingDB_ = spec.peakCeilingDB;
@@ -35,19 +42,11 @@ SignalStream::SignalStream(const GeneratorSpec& spec, std::optional<std::int64_t
 }
 
 std::int64_t SignalStream::unmeasuredFrames() const {
-  std::int64_t frames = peakCeilingDB_ ? frames_ - next_ : 0;
-  for (const auto& voices : voices_)
-    for (const Voice& voice : voices) frames += voice.signal.unmeasuredFrames();
-  return frames;
+  return unmeasuredOfModules_ + (peakCeilingDB_ ? frames_ - next_ : 0);
 }
 
 void SignalStream::measure(std::int64_t frames) {
-  for (auto& voices : voices_)
-    for (Voice& voice : voices) {
-      const std::int64_t run = std::min(frames, voice.signal.unmeasuredFrames());
-      voice.signal.measure(run);
-      frames -= run;
-    }
+  measureModules(frames);
   while (frames > 0 && peakCeilingDB_) {
     const std::int64_t run = std::min({frames, frames_ - next_, blockFrames});
     measureCeiling(run);
@@ -55,9 +54,27 @@ void SignalStream::measure(std::int64_t frames) {
   }
 }
 
+// Takes what it does off `frames`.
+void SignalStream::measureModules(std::int64_t& frames) {
+  while (frames > 0 && unmeasuredOfModules_ > 0) {
+    auto& voices = tracks_[measuredTrack_].voices;
+    if (measuredVoice_ == voices.size()) {
+      ++measuredTrack_;
+      measuredVoice_ = 0;
+      continue;
+    }
+    ModuleSignal& signal = voices[measuredVoice_].signal;
+    const std::int64_t run = std::min(frames, signal.unmeasuredFrames());
+    signal.measure(run);
+    unmeasuredOfModules_ -= run;
+    frames -= run;
+    if (signal.unmeasuredFrames() == 0) ++measuredVoice_;
+  }
+}
+
 void SignalStream::measureCeiling(std::int64_t n) {
-  for (auto& voices : voices_) {
-    mixChannel(voices, mix_.data(), n);
+  for (Track& track : tracks_) {
+    mixTrack(track, mix_.data(), n);
     peak_ = std::max(peak_, kernels().peakMagnitude(mix_.data(), n));
   }
   next_ += n;
@@ -65,20 +82,34 @@ void SignalStream::measureCeiling(std::int64_t n) {
   gain_ = ceilingGain(peak_, *peakCeilingDB_);
   peakCeilingDB_.reset();
   next_ = 0;
-  for (auto& voices : voices_)
-    for (Voice& voice : voices) voice.signal.rewind();
+  for (Track& track : tracks_) {
+    for (Voice& voice : track.voices) voice.signal.rewind();
+    track.nextToSound = 0;
+    track.sounding.clear();
+  }
 }
 
 // n frames from next_ on, at most a block.
-void SignalStream::mixChannel(std::vector<Voice>& voices, float* mix, std::int64_t n) {
+void SignalStream::mixTrack(Track& track, float* mix, std::int64_t n) {
   std::fill_n(mix, n, 0.0f);
-  for (Voice& voice : voices) {
-    const std::int64_t begin = std::max(next_, voice.offset);
-    const std::int64_t run = std::min(next_ + n, voice.offset + voice.signal.frameCount()) - begin;
-    if (run < 1) continue;
-    voice.signal.render(block_.data(), run);
-    kernels().add(mix + (begin - next_), block_.data(), run);
+  auto& [voices, byOffset, nextToSound, sounding] = track;
+  for (; nextToSound < byOffset.size() && voices[byOffset[nextToSound]].offset < next_ + n; ++nextToSound) {
+    const std::size_t place = byOffset[nextToSound];
+    sounding.insert(std::lower_bound(sounding.begin(), sounding.end(), place), place);
   }
+  const auto isOver = [&](std::size_t place) {
+    Voice& voice = voices[place];
+    const std::int64_t begin = std::max(next_, voice.offset), end = voice.offset + voice.signal.frameCount();
+    const std::int64_t run = std::min(next_ + n, end) - begin;
+    if (run > 0) {
+      float* const target = mix + (begin - next_);
+      voice.signal.render(block_.data(), run);
+      kernels().add(target, block_.data(), run);
+      if (voice.signal.mayOverflow()) saturate(target, run);
+    }
+    return end <= next_ + n;
+  };
+  sounding.erase(std::remove_if(sounding.begin(), sounding.end(), isOver), sounding.end());
 }
 
 std::int64_t SignalStream::render(std::span<float* const> channels, std::int64_t frameCount) {
@@ -91,7 +122,7 @@ std::int64_t SignalStream::render(std::span<float* const> channels, std::int64_t
     for (std::size_t c = 0; c < channels.size(); ++c) {
       // What nobody wants is made all the same: noise goes on from its last sample.
       float* const mix = channels[c] ? channels[c] + done : mix_.data();
-      mixChannel(voices_[c], mix, run);
+      mixTrack(tracks_[c], mix, run);
       if (gain_ < 1) kernels().scale(mix, gain_, run);
     }
     next_ += run;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -10,8 +11,9 @@
 
 namespace vellum {
 
-// SignalGenerator::render in pieces of any length: the same samples, in the memory of one short block.
-// Life: construct (measure | render)*; one thread at a time. Nothing but the constructor allocates.
+// SignalGenerator::render in pieces of any length: the same samples, in the memory of one short block and
+// some 400 bytes per module. Time is that of the modules that sound, however many do not. Life: construct
+// (measure | render)*; one thread at a time. Nothing but the constructor allocates.
 //
 // Three things cannot be told at the first sample, and need a pass ahead: the RMS of a noise module, the peak
 // of a band-limited shape's, and with a peak ceiling the peak of the whole file. measure() makes that pass
@@ -39,14 +41,25 @@ class SignalStream {
     std::int64_t offset;  // of its first frame in the file
     ModuleSignal signal;
   };
+  // Modules are added up in the document's order, and come in by their offsets.
+  struct Track {
+    std::vector<Voice> voices;          // in the document's order
+    std::vector<std::size_t> byOffset;  // places in `voices`
+    std::size_t nextToSound = 0;        // place in `byOffset`
+    std::vector<std::size_t> sounding;  // places in `voices`, ascending
+  };
 
-  void mixChannel(std::vector<Voice>& voices, float* mix, std::int64_t n);
+  void mixTrack(Track& track, float* mix, std::int64_t n);
   void measureCeiling(std::int64_t n);
+  void measureModules(std::int64_t& frames);
 
   std::int64_t frames_ = 0, channelCount_ = 0;
-  std::vector<std::vector<Voice>> voices_;  // of each channel, in the document's order
-  std::optional<float> peakCeilingDB_;      // until the pass for it is through
-  std::int64_t next_ = 0;                   // frame of the pass or, after it, of the result
+  std::vector<Track> tracks_;  // of each channel
+  // The pass ahead: frames of modules to go, and the module that it has come to.
+  std::int64_t unmeasuredOfModules_ = 0;
+  std::size_t measuredTrack_ = 0, measuredVoice_ = 0;
+  std::optional<float> peakCeilingDB_;  // until the pass for it is through
+  std::int64_t next_ = 0;               // frame of the pass or, after it, of the result
   float peak_ = 0, gain_ = 1;
   std::vector<float> block_, mix_;
 };
