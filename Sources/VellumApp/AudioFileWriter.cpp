@@ -9,6 +9,7 @@
 #include "VellumApp/ContainerLayout.hpp"
 #include "VellumApp/FLACEncoder.hpp"
 #include "VellumApp/MetadataForms.hpp"
+#include "VellumApp/SampleQuantiser.hpp"
 #include "VellumCore/LoudnessProcessor.hpp"
 #include "VellumCore/Support/Require.hpp"
 
@@ -112,21 +113,13 @@ std::optional<std::string> lossOfNames(Container container, const AudioShape& sh
 
 // --- Samples ---------------------------------------------------------------------------------------------
 
-std::int32_t integerOf(float sample, double scale) {
-  const double value = std::round(static_cast<double>(sample) * scale);
-  return std::isnan(value) ? 0 : static_cast<std::int32_t>(std::clamp(value, -scale, scale - 1));
-}
-
-std::uint32_t bitsOf(float sample) {
-  std::uint32_t bits;
-  std::memcpy(&bits, &sample, sizeof bits);
-  return bits;
-}
-
-void store(char* bytes, std::uint32_t value, std::int64_t width, ByteOrder order) {
-  for (std::int64_t k = 0; k < width; ++k) {
-    const std::int64_t place = order == ByteOrder::little ? k : width - 1 - k;
-    bytes[place] = static_cast<char>(value >> (8 * k) & 0xFF);
+// The low bytes of each.
+template <std::size_t width>
+void store(std::span<const std::int32_t> values, ByteOrder order, char* out) {
+  for (const std::int32_t value : values) {
+    for (std::size_t k = 0; k < width; ++k)
+      out[order == ByteOrder::little ? k : width - 1 - k] = static_cast<char>(value >> (8 * k) & 0xFF);
+    out += width;
   }
 }
 
@@ -148,8 +141,9 @@ struct AudioFileWriter::Encoder {
   std::size_t headBytes = 0;
   std::int64_t writtenFrames = 0;
   bool isFinished = false;
-  std::vector<std::int32_t> integers;  // scratch
-  std::string bytes;                   // scratch
+  double scale;                           // of integers
+  std::vector<std::int32_t> interleaved;  // scratch: integers, or the bits of floats
+  std::string bytes;                      // scratch
 
   explicit Encoder(const Settings& settings)
       : format(settings.format),
@@ -158,7 +152,8 @@ struct AudioFileWriter::Encoder {
         frameCount(sensibleFrames(settings.frameCount, channelCount * bytesPerSample(format.coding))),
         labels(labelsToWrite(settings)),
         spelling(MetadataForms::spell(settings.metadata, settings.format.container)),
-        file(settings.output) {
+        file(settings.output),
+        scale(std::ldexp(0.5, static_cast<int>(integerBits(format.coding)))) {
     if (const auto loss = lossOfNames(format.container, shapeOf(settings)))
       spelling.losses.insert(spelling.losses.begin(), *loss);
     if (format.container == Container::flac)
@@ -212,30 +207,32 @@ struct AudioFileWriter::Encoder {
     return ContainerLayout::of({format, sampleRate, channelCount, frameCount, labels, spelling.chunks});
   }
 
-  void writeIntegers(std::span<const float* const> channelData, std::int64_t from, std::int64_t frames) {
-    const double scale = std::ldexp(1.0, static_cast<int>(integerBits(format.coding) - 1));
-    integers.clear();
-    for (std::int64_t n = from; n < from + frames; ++n)
-      for (const float* channel : channelData) integers.push_back(integerOf(channel[n], scale));
-    if (flac) return flac->write(integers);
-    const std::int64_t width = bytesPerSample(format.coding);
-    bytes.resize(integers.size() * static_cast<std::size_t>(width));
-    char* out = bytes.data();
-    for (const std::int32_t integer : integers) {
-      store(out, static_cast<std::uint32_t>(integer), width, sampleOrder(format.container));
-      out += width;
+  void writeSamples(std::span<const float* const> channelData, std::int64_t from, std::int64_t frames) {
+    const auto channels = channelData.size();
+    interleaved.resize(static_cast<std::size_t>(frames) * channels);
+    for (std::size_t c = 0; c < channels; ++c) {
+      const std::span<const float> samples(channelData[c] + from, static_cast<std::size_t>(frames));
+      std::int32_t* const out = interleaved.data() + c;
+      if (format.coding == SampleCoding::float32)
+        for (std::size_t n = 0; n < samples.size(); ++n)
+          std::memcpy(out + n * channels, &samples[n], sizeof samples[n]);
+      else
+        for (std::size_t n = 0; n < samples.size(); ++n)
+          out[n * channels] = nearestInteger(static_cast<double>(samples[n]) * scale, scale);
     }
-    file.write(bytes);
-  }
-
-  void writeFloats(std::span<const float* const> channelData, std::int64_t from, std::int64_t frames) {
-    bytes.resize(static_cast<std::size_t>(frames * channelCount * 4));
-    char* out = bytes.data();
-    for (std::int64_t n = from; n < from + frames; ++n)
-      for (const float* channel : channelData) {
-        store(out, bitsOf(channel[n]), 4, sampleOrder(format.container));
-        out += 4;
-      }
+    if (flac) return flac->write(interleaved);
+    const ByteOrder order = sampleOrder(format.container);
+    bytes.resize(interleaved.size() * static_cast<std::size_t>(bytesPerSample(format.coding)));
+    switch (bytesPerSample(format.coding)) {
+      case 2:
+        store<2>(interleaved, order, bytes.data());
+        break;
+      case 3:
+        store<3>(interleaved, order, bytes.data());
+        break;
+      default:
+        store<4>(interleaved, order, bytes.data());
+    }
     file.write(bytes);
   }
 
@@ -263,10 +260,7 @@ void AudioFileWriter::write(std::span<const float* const> channelData, std::int6
   const std::int64_t pieceFrames = std::max<std::int64_t>(1, samplesPerPiece / encoder_->channelCount);
   for (std::int64_t done = 0; done < frameCount; done += pieceFrames) {
     const std::int64_t frames = std::min(pieceFrames, frameCount - done);
-    if (encoder_->format.coding == SampleCoding::float32)
-      encoder_->writeFloats(channelData, done, frames);
-    else
-      encoder_->writeIntegers(channelData, done, frames);
+    encoder_->writeSamples(channelData, done, frames);
     encoder_->writtenFrames += frames;
   }
 }

@@ -25,6 +25,31 @@ double triangular(std::uint64_t seed, std::uint64_t n) {
   return (first - second) * 0x1p-32;
 }
 
+// Both answer how many samples were outside of the range.
+std::int64_t bringToGrid(std::span<float> samples, double scale) {
+  const double step = 1 / scale;  // exact too: a power of two
+  std::int64_t clipped = 0;
+  for (const float sample : samples) clipped += isClipped(static_cast<double>(sample) * scale, scale) ? 1 : 0;
+  // Apart from the count, which would keep it from becoming vectors.
+  for (float& sample : samples)
+    sample = static_cast<float>(nearestInteger(static_cast<double>(sample) * scale, scale) * step);
+  return clipped;
+}
+
+std::int64_t ditherToGrid(std::span<float> samples, const float* original, double scale, std::uint64_t seed,
+                          std::int64_t position) {
+  const double step = 1 / scale;  // exact too: a power of two
+  std::int64_t clipped = 0;
+  for (std::size_t n = 0; n < samples.size(); ++n) {
+    double scaled = static_cast<double>(samples[n]) * scale;  // exact
+    const bool isKept = original && samples[n] == original[n] && std::trunc(scaled) == scaled;
+    if (!isKept) scaled += triangular(seed, static_cast<std::uint64_t>(position) + n);
+    clipped += isClipped(scaled, scale) ? 1 : 0;
+    samples[n] = static_cast<float>(nearestInteger(scaled, scale) * step);
+  }
+  return clipped;
+}
+
 }  // namespace
 
 SampleQuantiser::SampleQuantiser(const Settings& settings) : settings_(settings) {}
@@ -38,22 +63,15 @@ void SampleQuantiser::quantise(std::span<float* const> channelData, std::span<co
                  "SampleQuantiser: original has one buffer per channel, or none at all");
   if (settings_.coding == SampleCoding::float32) return;
   const double scale = std::ldexp(1.0, static_cast<int>(integerBits(settings_.coding) - 1));
-  const bool isDithered = settings_.dither == Dither::tpdf;
   for (std::size_t c = 0; c < channelCount; ++c) {
-    float* const samples = channelData[c];
-    if (!samples) continue;
-    const float* const before = original.empty() ? nullptr : original[c];
-    const std::uint64_t seed = splitMix64(0, c);
-    for (std::int64_t n = 0; n < frameCount; ++n) {
-      const double scaled = static_cast<double>(samples[n]) * scale;  // exact
-      double value = std::round(scaled);
-      const bool isKept = before && samples[n] == before[n] && value == scaled;
-      if (isDithered && !isKept)
-        value = std::round(scaled + triangular(seed, static_cast<std::uint64_t>(position_ + n)));
-      const double inRange = std::isnan(value) ? 0 : std::clamp(value, -scale, scale - 1);
-      if (inRange != value) ++clippedSamples_;
-      samples[n] = static_cast<float>(inRange / scale + 0.0);  // + 0: no negative zero, integers have none
-    }
+    if (!channelData[c]) continue;
+    const std::span<float> samples(channelData[c],
+                                   static_cast<std::size_t>(std::max<std::int64_t>(frameCount, 0)));
+    if (settings_.dither == Dither::tpdf)
+      clippedSamples_ +=
+          ditherToGrid(samples, original.empty() ? nullptr : original[c], scale, splitMix64(0, c), position_);
+    else
+      clippedSamples_ += bringToGrid(samples, scale);
   }
   position_ += std::max<std::int64_t>(frameCount, 0);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <span>
 
@@ -8,6 +9,22 @@
 namespace vellum {
 
 enum class Dither { none, tpdf };
+
+// The integer that a sample, times 2^(bits-1) = scale, is written as: the nearest, halves away from zero,
+// kept between -scale and scale - 1; 0 for what is not a number. No branch and no call: loops of it become
+// vectors.
+inline std::int32_t nearestInteger(double scaled, double scale) {
+  constexpr double half = 0.49999999999999994;  // largest below 0.5: with 0.5 itself, it would round up to 1
+  const double number = scaled == scaled ? scaled : 0;
+  const double least = number > -scale ? number : -scale;
+  const double inRange = least < scale - 1 ? least : scale - 1;
+  return static_cast<std::int32_t>(inRange + std::copysign(half, inRange));
+}
+
+// Whether the nearest integer had to be kept in that range.
+inline bool isClipped(double scaled, double scale) {
+  return !(std::abs(scaled + 0.5) < scale);
+}
 
 // Brings planar floats to the grid of an integer width: x times 2^(bits-1), to the nearest integer (halves
 // away from zero), clamped to -2^(bits-1) ... 2^(bits-1)-1, and back to float, which holds it exactly. Dither

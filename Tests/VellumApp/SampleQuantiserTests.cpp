@@ -272,5 +272,16 @@ TEST(SampleQuantiserDeathTest, AListOfBuffersOfAnotherLengthStops) {
   EXPECT_DEATH(quantiser.quantise(two, audio.pointers(), 4), "original has one buffer per channel");
 }
 
+// The number just below a half, which is less than half a step from 0, is not rounded to 1.
+TEST(NearestInteger, OnlyHalvesGoAwayFromZero) {
+  const double belowHalf = std::nextafter(0.5, 0);
+  EXPECT_EQ(nearestInteger(belowHalf, 32768), 0);
+  EXPECT_EQ(nearestInteger(-belowHalf, 32768), 0);
+  EXPECT_EQ(nearestInteger(0.5, 32768), 1);
+  EXPECT_EQ(nearestInteger(-0.5, 32768), -1);
+  EXPECT_EQ(nearestInteger(8388606.5, 8388608), 8388607);
+  EXPECT_EQ(nearestInteger(-8388607.5, 8388608), -8388608);
+}
+
 }  // namespace
 }  // namespace vellum
