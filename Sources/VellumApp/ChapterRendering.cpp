@@ -53,9 +53,7 @@ std::optional<RenderResult> renderAll(const ChapterProgramme& programme, const R
 }
 
 void noteClipping(std::vector<std::string>& notes, const RenderResult& rendered) {
-  if (const std::int64_t count = rendered.clippedSamples; count > 0)
-    notes.push_back(std::to_string(count) + (count == 1 ? " sample was" : " samples were") +
-                    " outside of the format's range, and clipped");
+  if (rendered.clippedSamples > 0) notes.push_back(samplesWereClipped(rendered.clippedSamples));
 }
 
 FrameRange framesOf(const Chapter& chapter, const ChapterProgramme& programme) {

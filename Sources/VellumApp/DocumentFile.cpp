@@ -8,9 +8,11 @@
 
 #include "VellumApp/ChapterLimits.hpp"
 #include "VellumApp/RegularFile.hpp"
+#include "VellumApp/SignalFile.hpp"
 #include "VellumCore/Json/ChapterDocuments.hpp"
 #include "VellumCore/Json/Document.hpp"
 #include "VellumCore/Json/DocumentError.hpp"
+#include "VellumCore/Json/GeneratorDocuments.hpp"
 #include "VellumCore/Json/LoudnessTargetDocuments.hpp"
 
 namespace vellum {
@@ -31,13 +33,17 @@ std::string readAll(const std::filesystem::path& path) {
 }
 
 template <typename Record>
-Record readRecord(const std::filesystem::path& path, Record (*parse)(std::string_view)) {
-  const std::string text = readDocument(path);
+Record recordOf(std::string_view text, const std::filesystem::path& name, Record (*parse)(std::string_view)) {
   try {
     return parse(text);
   } catch (const Json::DocumentError& error) {
-    throw FaultyDocument(path, FileError(error.what()));
+    throw FaultyDocument(name, FileError(error.what()));
   }
+}
+
+template <typename Record>
+Record readRecord(const std::filesystem::path& path, Record (*parse)(std::string_view)) {
+  return recordOf(readDocument(path), path, parse);
 }
 
 template <typename Record>
@@ -75,6 +81,16 @@ ChapterReport readChapterReport(const std::filesystem::path& path) {
 
 std::string chapterReportText(const ChapterReport& report) {
   return Json::documentText(report).value() + "\n";
+}
+
+GeneratorSpec readGeneratorSpec(const std::filesystem::path& path) {
+  return generatorSpecOf(readDocument(path), path);
+}
+
+GeneratorSpec generatorSpecOf(std::string_view text, const std::filesystem::path& name) {
+  GeneratorSpec spec = recordOf(text, name, Json::parseGeneratorSpec);
+  if (const auto fault = SignalFile::faultOf(spec)) throw FaultyDocument(name, FileError(*fault));
+  return spec;
 }
 
 }  // namespace vellum

@@ -2,9 +2,11 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 #include "VellumApp/FileError.hpp"
 #include "VellumCore/ChapterReport.hpp"
+#include "VellumCore/GeneratorSpec.hpp"
 #include "VellumCore/LoudnessTargetSelection.hpp"
 
 // The JSON documents that a user keeps in files. All errors begin with the file's name: a document is never
@@ -30,5 +32,10 @@ ChapterDetectionSettings readChapterDetectionSettings(const std::filesystem::pat
 ChapterReport readChapterReport(const std::filesystem::path& path);
 // The chapters' times have to be finite.
 std::string chapterReportText(const ChapterReport& report);
+
+// The same of a test signal. One that cannot become a file (SignalFile::faultOf) is a faulty document too.
+GeneratorSpec readGeneratorSpec(const std::filesystem::path& path);
+// The same of a document that is no file. Throws FaultyDocument, which begins with the name.
+GeneratorSpec generatorSpecOf(std::string_view text, const std::filesystem::path& name);
 
 }  // namespace vellum

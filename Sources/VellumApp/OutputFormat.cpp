@@ -50,4 +50,9 @@ std::string samplesAreNotFinite(std::int64_t count) {
   return std::to_string(count) + (count == 1 ? " sample is" : " samples are") + " not finite";
 }
 
+std::string samplesWereClipped(std::int64_t count) {
+  return std::to_string(count) + (count == 1 ? " sample was" : " samples were") +
+         " outside of the format's range, and clipped";
+}
+
 }  // namespace vellum

@@ -27,5 +27,7 @@ void refuseImpossibleName(const std::filesystem::path& output, const FormatChoic
 
 // "3 samples are not finite"
 std::string samplesAreNotFinite(std::int64_t count);
+// "3 samples were outside of the format's range, and clipped"
+std::string samplesWereClipped(std::int64_t count);
 
 }  // namespace vellum

@@ -185,21 +185,6 @@ class Exports {
 
 // --- Work ------------------------------------------------------------------------------------------------
 
-// One step's progress. Answers whether to go on.
-class Watch {
- public:
-  Watch(std::string_view step, const fs::path& file)
-      : progress_({fmt::format("{}  {}", step, file.filename().string())}) {}
-  bool operator()(const MeasureProgress& done) {
-    progress_.advance(0, done);
-    progress_.draw();
-    return !Interrupt::wasAsked();
-  }
-
- private:
-  Progress progress_;
-};
-
 struct Interrupted {};
 
 template <typename Result>
@@ -249,13 +234,13 @@ class Job {
 
  private:
   ChapterProgramme scan() const {
-    Watch watch("finding pauses", path_);
+    StepWatch watch("finding pauses", path_);
     const ScanSettings settings{.detection = plan_.settings, .channelLabels = plan_.channelLabels};
     return naming(path_, [&] { return orInterrupted(scanProgramme(path_, settings, std::ref(watch))); });
   }
 
   MeasuredChapters measure(const ChapterProgramme& programme, std::span<const Chapter> chapters) const {
-    Watch watch("measuring chapters", path_);
+    StepWatch watch("measuring chapters", path_);
     return naming(
         path_, [&] { return orInterrupted(measureChapters(path_, programme, chapters, std::ref(watch))); });
   }
@@ -334,7 +319,7 @@ class Job {
 
   Leveling search(const ChapterProgramme& programme, const MeasuredChapters& before,
                   const LevelingSettings& settings) const {
-    std::optional<Watch> watch;
+    std::optional<StepWatch> watch;
     int shownRound = 0;
     const auto goOn = [&](int round, const MeasureProgress& done) {
       if (std::exchange(shownRound, round) != round)
@@ -349,7 +334,7 @@ class Job {
   }
 
   MeasuredChapters renderWhole(ChaptersReport::Result& result, const RenderSettings& rendering) const {
-    Watch renderWatch("rendering", path_), verifyWatch("verifying", path_);
+    StepWatch renderWatch("rendering", path_), verifyWatch("verifying", path_);
     auto rendered = orInterrupted(
         renderProgramme(result.programme, result.report.chapters, rendering, *plan_.whole,
                         [&](RenderStep step, const MeasureProgress& done) {
@@ -360,7 +345,7 @@ class Job {
   }
 
   void renderParts(ChaptersReport::Result& result, const RenderSettings& rendering) const {
-    Watch watch("writing chapters", path_);
+    StepWatch watch("writing chapters", path_);
     auto notes = orInterrupted(
         renderSplit(result.programme, result.report.chapters, rendering, *plan_.parts, std::ref(watch)));
     for (std::string& note : notes) result.notes.push_back(std::move(note));
@@ -392,11 +377,7 @@ ExitCode chapters(const Arguments& arguments) {
     return conclude(arguments, Job(arguments, planOf(arguments)).run());
   } catch (const Interrupted&) {
     return ExitCode::interrupted;
-  } catch (const NamedFileError& error) {
-    if (!error.isExistingOutput()) throw;
-    Console::printError(std::string(error.what()) + "; --force replaces it");
   }
-  return ExitCode::fileFailed;
 }
 
 }  // namespace

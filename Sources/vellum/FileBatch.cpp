@@ -4,14 +4,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <cstddef>
 #include <exception>
 
 #include "vellum/Console.hpp"
 #include "vellum/InputFiles.hpp"
 #include "vellum/Interrupt.hpp"
-#include "vellum/Numbers.hpp"
 #include "vellum/Options.hpp"
 #include "vellum/OrderedJobs.hpp"
 #include "vellum/Output.hpp"
@@ -19,14 +17,6 @@
 
 namespace vellum {
 namespace {
-
-std::size_t jobsArgument(const std::string& text) {
-  constexpr double most = 256;
-  const auto jobs = parseNumber(text);
-  if (!jobs || *jobs < 1 || *jobs > most || *jobs != std::floor(*jobs))
-    refuse("--jobs", fmt::format("'{}' is not a whole number from 1 to {}", text, most));
-  return static_cast<std::size_t>(*jobs);
-}
 
 // Whatever goes wrong with an input becomes its result.
 FileResult resultOf(const FileBatch& batch, const InputFile& input, const FileBatch::GoOn& goOn) {
@@ -82,7 +72,7 @@ void addBatchOptions(CLI::App& verb, BatchArguments& arguments) {
 
 ExitCode runBatch(const BatchArguments& arguments, const FileBatch& batch) {
   if (arguments.force && arguments.out.empty()) refuse("--force", "needs --out");
-  const std::size_t jobs = jobsArgument(arguments.jobs);
+  const std::size_t jobs = static_cast<std::size_t>(wholeNumberArgument("--jobs", arguments.jobs, 1, 256));
   const std::vector<InputFile> inputs = findInputFiles(arguments.files, arguments.recursive);
   std::vector<std::filesystem::path> paths = batch.furtherInputs;
   std::vector<std::string> names;

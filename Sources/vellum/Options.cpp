@@ -1,7 +1,12 @@
 #include "vellum/Options.hpp"
 
+#include <fmt/format.h>
+
 #include <CLI/Error.hpp>
 #include <CLI/Validators.hpp>
+#include <cmath>
+
+#include "vellum/Numbers.hpp"
 
 namespace vellum {
 
@@ -14,6 +19,15 @@ CLI::Option& addTextOption(CLI::App& verb, const char* name, std::string& value,
   const CLI::Validator notEmpty([](const std::string& text) { return text.empty() ? "needs a value" : ""; },
                                 "");
   return *verb.add_option(name, value, description)->type_name(type)->check(notEmpty);
+}
+
+std::int64_t wholeNumberArgument(std::string_view option, std::string_view text, std::int64_t least,
+                                 std::int64_t most) {
+  const auto number = parseNumber(text);
+  if (!number || *number < static_cast<double>(least) || *number > static_cast<double>(most) ||
+      *number != std::floor(*number))
+    refuse(option, fmt::format("'{}' is not a whole number from {} to {}", text, least, most));
+  return static_cast<std::int64_t>(*number);
 }
 
 std::vector<std::string> splitAtCommas(std::string_view text) {

@@ -10,6 +10,7 @@
 
 #include "vellum/ClockText.hpp"
 #include "vellum/Console.hpp"
+#include "vellum/Interrupt.hpp"
 
 namespace vellum {
 namespace {
@@ -89,6 +90,15 @@ std::string Progress::line() const {
                          ? fmt::format("{} / {}", clockText(progress.doneSec), clockText(*progress.totalSec))
                          : clockText(progress.doneSec),
                      left, speed, Console::printable(fileNames_[file]));
+}
+
+StepWatch::StepWatch(std::string_view step, const std::filesystem::path& file)
+    : progress_({fmt::format("{}  {}", step, file.filename().string())}) {}
+
+bool StepWatch::operator()(const MeasureProgress& done) {
+  progress_.advance(0, done);
+  progress_.draw();
+  return !Interrupt::wasAsked();
 }
 
 }  // namespace vellum

@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <cstddef>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "VellumApp/FileMeasurement.hpp"
@@ -39,6 +41,16 @@ class Progress {
   mutable std::mutex mutex_;
   std::map<std::size_t, MeasureProgress> underWay_;
   double finishedSec_ = 0;
+};
+
+// How far one step of the work on a file is: "rendering  song.wav". Answers whether to go on.
+class StepWatch {
+ public:
+  StepWatch(std::string_view step, const std::filesystem::path& file);
+  bool operator()(const MeasureProgress& done);
+
+ private:
+  Progress progress_;
 };
 
 }  // namespace vellum

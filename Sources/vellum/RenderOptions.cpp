@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <utility>
 
-#include "vellum/Console.hpp"
 #include "vellum/Interrupt.hpp"
 #include "vellum/LayoutOption.hpp"
 #include "vellum/Numbers.hpp"
@@ -65,7 +64,7 @@ void addRenderOptions(CLI::App& verb, RenderArguments& arguments) {
 DeliveryOutputs outputsOf(const RenderArguments& arguments, std::vector<DeliveryItem> items) {
   DeliveryOutputs outputs{.items = std::move(items),
                           .format = {},
-                          .dither = choice("--dither", arguments.dither, dithers),
+                          .dither = ditherArgument(arguments.dither),
                           .replacesExisting = arguments.force,
                           .isDryRun = false,
                           .channelLabels = {}};
@@ -83,6 +82,10 @@ std::filesystem::path outputIn(const std::filesystem::path& folder, const std::f
   if (containerOfExtension(output) != choice("--format", arguments.format, formats))
     output.replace_extension(arguments.format);
   return output;
+}
+
+Dither ditherArgument(std::string_view text) {
+  return choice("--dither", text, dithers);
 }
 
 double numberArgument(std::string_view option, std::string_view text, double least, double most,
@@ -114,18 +117,12 @@ bool DeliveryWatch::operator()(const DeliveryProgress& progress) {
 ExitCode runDelivery(const std::vector<DeliveryItem>& items,
                      const std::function<std::optional<Delivery>(const DeliveryGoOn&)>& work,
                      const std::function<ExitCode(const Delivery&)>& print) {
-  try {
-    std::optional<Delivery> delivery;
-    {
-      DeliveryWatch watch(items);
-      delivery = work([&](const DeliveryProgress& progress) { return watch(progress); });
-    }
-    return delivery ? print(*delivery) : ExitCode::interrupted;
-  } catch (const NamedFileError& error) {
-    if (!error.isExistingOutput()) throw;
-    Console::printError(std::string(error.what()) + "; --force replaces it");
+  std::optional<Delivery> delivery;
+  {
+    DeliveryWatch watch(items);
+    delivery = work([&](const DeliveryProgress& progress) { return watch(progress); });
   }
-  return ExitCode::fileFailed;
+  return delivery ? print(*delivery) : ExitCode::interrupted;
 }
 
 }  // namespace vellum

@@ -30,6 +30,8 @@ DeliveryOutputs outputsOf(const RenderArguments& arguments, std::vector<Delivery
 std::filesystem::path outputIn(const std::filesystem::path& folder, const std::filesystem::path& input,
                                const RenderArguments& arguments);
 
+Dither ditherArgument(std::string_view text);
+
 // A number from `least` to `most`, an option's text.
 double numberArgument(std::string_view option, std::string_view text, double least, double most,
                       std::string_view unit);
@@ -46,8 +48,8 @@ class DeliveryWatch {
   std::optional<Progress> progress_;  // of one stage of one file
 };
 
-// Renders, and has `print` tell the result and answer the exit code. An output that exists already and an
-// interruption are answered here. Throws FileError.
+// Renders, and has `print` tell the result and answer the exit code; an interruption is answered here. Throws
+// FileError.
 ExitCode runDelivery(const std::vector<DeliveryItem>& items,
                      const std::function<std::optional<Delivery>(const DeliveryGoOn&)>& work,
                      const std::function<ExitCode(const Delivery&)>& print);

@@ -17,6 +17,7 @@
 #include "vellum/Console.hpp"
 #include "vellum/DeliverCommand.hpp"
 #include "vellum/ExitCode.hpp"
+#include "vellum/GenerateCommand.hpp"
 #include "vellum/Interrupt.hpp"
 #include "vellum/LimitCommand.hpp"
 #include "vellum/MeasureCommand.hpp"
@@ -69,6 +70,7 @@ ExitCode run(int argc, char** argv) {
   addDeliverCommand(app, exitCode);
   addLimitCommand(app, exitCode);
   addChaptersCommand(app, exitCode);
+  addGenerateCommand(app, exitCode);
 
   try {
     app.parse(argumentsOf(argc, argv));
@@ -84,6 +86,9 @@ ExitCode run(int argc, char** argv) {
   } catch (const FaultyDocument& error) {
     Console::printError(error.what());
     return ExitCode::usage;
+  } catch (const NamedFileError& error) {
+    Console::printError(std::string(error.what()) +
+                        (error.isExistingOutput() ? "; --force replaces it" : ""));
   } catch (const FileError& error) {
     Console::printError(error.what());
   } catch (const std::exception& error) {

@@ -31,6 +31,7 @@ struct CommandSettings {
   std::filesystem::path out;                       // where standard output goes, instead of CommandResult
   std::filesystem::path workingFolder;
   bool watchesMemory = false;
+  std::filesystem::path in = "/dev/null";  // where standard input comes from
 };
 
 // The built `vellum`, under way. It is ended after a minute, so that a test cannot hang.
@@ -47,7 +48,7 @@ class RunningCommand {
     child_ = ::fork();
     if (child_ < 0) throw std::runtime_error("fork failed");
     if (child_ == 0) {
-      redirect(STDIN_FILENO, "/dev/null", O_RDONLY);
+      redirect(STDIN_FILENO, settings_.in.c_str(), O_RDONLY);
       redirect(STDOUT_FILENO, settings_.out.c_str(), O_WRONLY | O_CREAT);
       redirect(STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT);
       for (const auto& [name, value] : settings_.environment) ::setenv(name.c_str(), value.c_str(), 1);
