@@ -22,6 +22,7 @@
 #include "vellum/LimitCommand.hpp"
 #include "vellum/MeasureCommand.hpp"
 #include "vellum/PlanCommand.hpp"
+#include "vellum/SelfcheckCommand.hpp"
 #include "vellum/TargetsCommand.hpp"
 
 namespace vellum {
@@ -70,6 +71,7 @@ ExitCode run(int argc, char** argv) {
   addDeliverCommand(app, exitCode);
   addLimitCommand(app, exitCode);
   addChaptersCommand(app, exitCode);
+  addSelfcheckCommand(app, exitCode);
   addGenerateCommand(app, exitCode);
 
   try {
