@@ -670,6 +670,15 @@ TEST(GeneratorSpecValidation, OfTwoFaultsTheFirstInOrderIsReported) {
     }
 }
 
+TEST(GeneratorSpecValidation, AllFaultsAtOnceAreReportedInOrderAsOneAfterTheOtherIsMended) {
+  const auto all = injections();
+  for (std::size_t mended = 0; mended <= all.size(); ++mended) {
+    GeneratorSpec spec = soundSpec();
+    for (std::size_t k = all.size(); k-- > mended;) all[k].into(spec);  // the first last, as above
+    EXPECT_EQ(faultOf(spec), mended < all.size() ? all[mended].fault : "") << mended;
+  }
+}
+
 TEST(GeneratorSpecValidation, AnyFaultOfAnEarlierModuleGoesFirst) {
   // The last thing that is looked for in a module against the first.
   const Source tooHigh{Source::Sine{30000}};

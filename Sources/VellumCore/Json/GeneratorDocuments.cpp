@@ -131,7 +131,7 @@ GeneratorSource readGeneratorSource(const Reader& reader) {
     return {GeneratorSource::Sweep{fields.member("start").float64(), fields.member("end").float64(),
                                    fields.member("shape").enumeration<SweepShape>()}};
   // Only known names count as keys here: one unknown name is as good as none.
-  reader.fail(DocumentError::Kind::typeMismatch, "Invalid number of keys found, expected one.");
+  reader.failWithoutOnlyCase();
 }
 
 LevelSweep readLevelSweep(const Reader& reader) {

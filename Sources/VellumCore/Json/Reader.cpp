@@ -58,13 +58,17 @@ std::vector<Reader> Reader::elements() const {
 
 Reader::Case Reader::onlyCase() const {
   const auto& members = expect<Object>("an object with one key").members();
-  if (members.size() != 1) fail(Kind::typeMismatch, "Invalid number of keys found, expected one.");
+  if (members.size() != 1) failWithoutOnlyCase();
   const auto& [name, fields] = members.front();
   return {name, Reader(fields, pathOfMember(path_, name))};
 }
 
 void Reader::failWithUnknownCase(std::string_view name) const {
   fail(Kind::keyNotFound, fmt::format("there is no case \"{}\"", name));
+}
+
+void Reader::failWithoutOnlyCase() const {
+  fail(Kind::typeMismatch, "Invalid number of keys found, expected one.");
 }
 
 bool Reader::boolean() const {

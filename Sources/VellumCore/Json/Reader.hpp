@@ -38,6 +38,9 @@ class Reader {
   Case onlyCase() const;
   // The error for a case of that name that does not exist.
   [[noreturn]] void failWithUnknownCase(std::string_view name) const;
+  // The error for any other number of cases than one: onlyCase's own, and that of readers to whom an unknown
+  // name is no case at all.
+  [[noreturn]] void failWithoutOnlyCase() const;
 
   bool boolean() const;
   std::int64_t integer() const;
