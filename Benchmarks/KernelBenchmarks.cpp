@@ -36,6 +36,9 @@ const bool registered = [] {
   const PolyphaseFolds folds = {{1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}};
   const PolyphaseTaps taps = {{{1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}}};
 
+  static const auto odd = programme(1, 48000, 0.001);  // 48 values
+  constexpr std::int64_t oddTaps = 25;
+
   const KernelTables runnable = runnableKernels();
   for (int t = 0; t < runnable.count; ++t) {
     const KernelTable& table = *runnable.tables[t];
@@ -52,6 +55,10 @@ const bool registered = [] {
     add(table, "raiseToTapPeaks", n, [&table, taps] { table.raiseToTapPeaks(taps, x, out.data(), n); });
     add(table, "ceilingGains", n, [&table] { table.ceilingGains(0.5f, out.data(), n); });
     add(table, "exchangeWithGain", n, [&table] { table.exchangeWithGain(out.data(), line.data(), y, n); });
+    add(table, "multiplyAdd", n, [&table] { table.multiplyAdd(out.data(), 0.5f, x, n); });
+    add(table, "correlateOddTaps", n, [&table] {
+      table.correlateOddTaps({odd[0].data(), oddTaps}, x + 2 * oddTaps, out.data(), n);
+    });
     for (const std::int64_t channels : {1, 2})
       add(table, channels == 1 ? "kWeightedEnergy/mono" : "kWeightedEnergy/pair", n * channels,
           [&table, weighting, channels] {

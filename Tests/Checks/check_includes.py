@@ -17,6 +17,7 @@ SIGNAL_COMPONENTS = {
     "ChapterMeter",
     "DRProcessor",
     "GatedLoudness",
+    "HilbertPhaseShifter",
     "LoudnessProcessor",
     "ModuleSignal",
     "PolyphaseUpsampler4x",
@@ -27,6 +28,7 @@ SIGNAL_COMPONENTS = {
     "SignalStream",
     "SpeechVAD",
     "SumOfSquares",
+    "SurroundBake",
     "TruePeakLimiterDSP",
 }
 

@@ -379,5 +379,50 @@ TEST(Kernels, TheChosenTableIsTheLastRunnableOne) {
   EXPECT_EQ(&kernels(), runnable.tables[runnable.count - 1]);
 }
 
+// --- Surround --------------------------------------------------------------------------------------------
+
+TEST_P(EveryKernelTable, MultiplyAddAddsEveryProductRounded) {
+  atEverySizeAndAlignment([&](const float* x, std::int64_t n, const std::string& where) {
+    const auto count = static_cast<std::size_t>(n);
+    for (const float factor : {1.0f, -0.70710678f, 0.0f, x[1]}) {
+      std::vector<float> sums(x + 3, x + 3 + n + 1);
+      table().multiplyAdd(sums.data(), factor, x, n);
+      for (std::size_t i = 0; i < count; ++i) {
+        const float product = factor * x[i], expected = x[3 + i] + product;
+        ASSERT_TRUE(sameBits(sums[i], expected) || (std::isnan(sums[i]) && std::isnan(expected))) << where;
+      }
+      ASSERT_TRUE(sameBits(sums[count], x[3 + n])) << where;
+    }
+  });
+}
+
+// Filters of no tap, of one, and of more than a vector holds.
+TEST_P(EveryKernelTable, OddTapsEqualTheirPlainTwinToTheBit) {
+  std::mt19937 rng(29);
+  for (const std::int64_t count : {0, 1, 2, 3, 25, 26}) {
+    const std::vector<float> odd = noise(rng, count, 1.0);
+    const std::int64_t margin = 2 * count, values = 2 * margin + longest + offsets;
+    for (const std::vector<float>& x :
+         {noise(rng, values, 1.0), awkwardValues(rng, static_cast<std::size_t>(values))})
+      for (std::int64_t n = 0; n <= longest; ++n)
+        for (std::int64_t offset = 0; offset < offsets; ++offset) {
+          const float* const centre = x.data() + margin + offset;
+          std::vector<float> out(static_cast<std::size_t>(n) + 1, 7.0f);
+          table().correlateOddTaps({odd.data(), count}, centre, out.data(), n);
+          for (std::int64_t i = 0; i < n; ++i) {
+            float sum = 0;
+            for (std::int64_t j = 0; j < count; ++j) {
+              const std::int64_t distance = 2 * (count - j) - 1;
+              sum += odd[static_cast<std::size_t>(j)] * (centre[i + distance] - centre[i - distance]);
+            }
+            const float actual = out[static_cast<std::size_t>(i)];
+            ASSERT_TRUE(sameBits(actual, sum) || (std::isnan(actual) && std::isnan(sum)))
+                << count << " taps, n = " << n << ", offset " << offset;
+          }
+          ASSERT_EQ(out.back(), 7.0f);
+        }
+  }
+}
+
 }  // namespace
 }  // namespace vellum

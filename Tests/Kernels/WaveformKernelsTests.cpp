@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -69,6 +70,9 @@ std::vector<NamedStretch> everyWaveformKernel() {
                     for (std::int64_t i = 0; i < n; ++i) x[i] *= 200;
                     k.decibelsToGains(x, n);
                   }});
+  list.push_back({"powersToDecibels", [](const auto& k, float* x, auto, auto n) {
+                    k.powersToDecibels(0.3f, 1e-20f, x, n);  // half of them negative: at the bottom
+                  }});
   return list;
 }
 
@@ -93,6 +97,31 @@ TEST(WaveformKernels, GiveTheSameBitsInEveryTableAndForEveryCut) {
             << name << ", " << runnableKernels().tables[t]->name;
       }
   }
+}
+
+TEST(WaveformKernels, PowersToDecibelsIsTheLogarithmToThe32ndBit) {
+  std::mt19937 rng(59);
+  std::vector<float> powers, x;
+  for (int trial = 0; trial < 20000; ++trial)
+    powers.push_back(static_cast<float>(trial % 2 == 0 ? std::pow(10.0, uniform(rng, -20, 30))
+                                                       : 1 + uniform(rng, -1e-3, 1e-3)));
+  x = powers;
+  kernels().powersToDecibels(2.5f, 1e-20f, x.data(), static_cast<std::int64_t>(x.size()));
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    const long double exact = 10 * std::log10(std::max(static_cast<long double>(powers[i] * 2.5f), 1e-20L));
+    ASSERT_NEAR(x[i], static_cast<double>(exact), 6e-8 * std::abs(static_cast<double>(exact)) + 1e-9)
+        << powers[i];
+  }
+}
+
+TEST(WaveformKernels, PowersToDecibelsHasABottomAndATop) {
+  constexpr float most = std::numeric_limits<float>::max(), infinity = std::numeric_limits<float>::infinity();
+  float x[] = {0,        -0.0f, -5, 1e-30f, std::numeric_limits<float>::denorm_min(), std::nanf(""),
+               infinity, most,  1};
+  kernels().powersToDecibels(1, 1e-20f, x, 9);
+  for (int i = 0; i < 6; ++i) EXPECT_FLOAT_EQ(x[i], -200) << i;
+  for (int i = 6; i < 8; ++i) EXPECT_FLOAT_EQ(x[i], 385.31839f) << i;  // 10 log10(2^128)
+  EXPECT_EQ(x[8], 0);
 }
 
 TEST(Elementary, ExponentialsStayWithinAFewUnitsOfTheLastPlace) {

@@ -279,6 +279,36 @@ void exchangeWithGain(float* x, float* line, const float* gains, std::int64_t n)
   }
 }
 
+// --- Surround --------------------------------------------------------------------------------------------
+
+void multiplyAdd(float* accumulator, float factor, const float* x, std::int64_t n) {
+  for (std::int64_t i = 0; i < n; ++i) accumulator[i] += factor * x[i];
+}
+
+// `count` neighbouring values, or vectors of them: side by side they hide each other's chain of additions.
+template <typename Value, Value (*at)(const float*), int count>
+inline void sumOddTaps(const OddTaps& taps, const float* centre, std::int64_t step, Value (&sums)[count]) {
+  for (Value& sum : sums) sum = Value{};
+  for (std::int64_t j = 0, distance = 2 * taps.count - 1; j < taps.count; ++j, distance -= 2) {
+    const float tap = taps.odd[j];
+    for (int k = 0; k < count; ++k)
+      sums[k] += tap * (at(centre + k * step + distance) - at(centre + k * step - distance));
+  }
+}
+
+void correlateOddTaps(const OddTaps& taps, const float* centre, float* out, std::int64_t n) {
+  constexpr int side = 4;
+  std::int64_t i = 0;
+  for (Vector sums[side]; i + side * vectorWidth <= n; i += side * vectorWidth) {
+    sumOddTaps<Vector, load, side>(taps, centre + i, vectorWidth, sums);
+    for (int k = 0; k < side; ++k) store(out + i + k * vectorWidth, sums[k]);
+  }
+  for (float sums[1]; i < n; ++i) {
+    sumOddTaps<float, single, 1>(taps, centre + i, 1, sums);
+    out[i] = sums[0];
+  }
+}
+
 constexpr KernelTable tableNamed(const char* name) {
   return {name,
           sum,
@@ -294,6 +324,8 @@ constexpr KernelTable tableNamed(const char* name) {
           raiseToTapPeaks,
           ceilingGains,
           exchangeWithGain,
+          multiplyAdd,
+          correlateOddTaps,
           sine,
           linearChirp,
           logarithmicChirp,
@@ -302,7 +334,8 @@ constexpr KernelTable tableNamed(const char* name) {
           manyHarmonicsTriangle,
           manyHarmonicsSawtooth,
           raisedCosine,
-          decibelsToGains};
+          decibelsToGains,
+          powersToDecibels};
 }
 
 }  // namespace

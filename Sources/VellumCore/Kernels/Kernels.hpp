@@ -42,6 +42,13 @@ struct PolyphaseTaps {
   float taps[3][12];
 };
 
+// An antisymmetric filter in which every tap at an even distance from the centre is 0, outermost tap first:
+// odd[j] stands 2 (count - j) - 1 places behind the centre, and its negative as many before it.
+struct OddTaps {
+  const float* odd;
+  std::int64_t count;
+};
+
 // A sine whose frequency moves, by the time t = frame / sampleRate.
 struct Chirp {
   double sampleRate;
@@ -91,6 +98,13 @@ struct KernelTable {
   // Exchanges samples with a stretch of a delay line: x takes gains * line, line takes what x was.
   void (*exchangeWithGain)(float* x, float* line, const float* gains, std::int64_t n);
 
+  // accumulator += factor * x
+  void (*multiplyAdd)(float* accumulator, float factor, const float* x, std::int64_t n);
+
+  // out[i] = sum over j of odd[j] (centre[i + d] - centre[i - d]), d being the tap's distance, added up from
+  // j = 0. Reads 2 count - 1 values before centre's n values and as many behind them. Not in place.
+  void (*correlateOddTaps)(const OddTaps& taps, const float* centre, float* out, std::int64_t n);
+
   // Test signals: the n frames from frame `first` on, of a signal whose phase moves on by `step` radians a
   // frame. A frame's phase is its number times `step` in 64 bit and everything follows from it in 64 bit, so
   // that a sample does not depend on what is asked for beside it. Phases up to 2^31 pi.
@@ -109,6 +123,11 @@ struct KernelTable {
   void (*raisedCosine)(std::int64_t position, std::int64_t direction, std::int64_t length, float* x,
                        std::int64_t n);
   void (*decibelsToGains)(float* x, std::int64_t n);  // x = e^(0.115129255 x), the product in 32 bit
+
+  // x = 10 log10(scale x), off by less than 1e-9 before it is rounded to 32 bit. scale x counts as at least
+  // `least`, a normal number above 0, so that silence has a level too; a NaN counts as `least`, and what is
+  // infinite as the largest number.
+  void (*powersToDecibels)(float scale, float least, float* x, std::int64_t n);
 };
 
 // The fastest table that this CPU runs. Chosen once.

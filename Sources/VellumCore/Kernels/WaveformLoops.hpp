@@ -311,5 +311,41 @@ void decibelsToGains(float* x, std::int64_t n) {
   for (; i < n; ++i) decibelsToGainsAt<double>(x + i);
 }
 
+// ln(x) of a normal x > 0, off by less than 1e-10: naturalLogarithm for vectors, and for 32-bit results.
+template <typename Value>
+inline Value shortLogarithm(Value x) {
+  typedef typename Lanes<Value>::Bits Bits;
+  constexpr std::uint64_t mantissaBits = 0x000fffffffffffff, one = 0x3ff0000000000000;
+  constexpr std::uint64_t twoTo52 = 0x4330000000000000;  // whose lowest bits count in ones
+  const Bits bits = sameBits<Bits>(x);
+  Value mantissa = sameBits<Value>((bits & mantissaBits) | one);
+  Value exponent = sameBits<Value>((bits >> 52) | twoTo52) - (0x1p52 + 1023);
+  const auto isLarge = mantissa > Value{} + 1.4142135623730951;
+  mantissa = isLarge ? mantissa * 0.5 : mantissa;
+  exponent = isLarge ? exponent + 1.0 : exponent;
+  const Value s = (mantissa - 1.0) / (mantissa + 1.0);  // ln = 2 artanh(s), |s| <= 0.172
+  const Value square = s * s;
+  Value sum = Value{} + 1.0 / 11;
+  for (int k = 9; k >= 3; k -= 2) sum = sum * square + 1.0 / k;
+  return exponent * (ln2High + ln2Low) + 2.0 * (s + s * square * sum);
+}
+
+template <typename Value>
+inline void powersToDecibelsAt(float scale, float least, float* x) {
+  typedef typename Lanes<Value>::Single Single;
+  constexpr double decibelsPerUnit = 4.3429448190325183;  // 10 / ln 10
+  constexpr float most = 0x1.fffffep127f;
+  const Single scaled = loadAs<Single>(x) * scale;
+  const Single raised = scaled > least ? scaled : Single{} + least;
+  const Single power = raised < most ? raised : Single{} + most;
+  storeAs(x, narrow(decibelsPerUnit * shortLogarithm(widen(power))));
+}
+
+void powersToDecibels(float scale, float least, float* x, std::int64_t n) {
+  std::int64_t i = 0;
+  for (; i + doubleWidth <= n; i += doubleWidth) powersToDecibelsAt<DoubleVector>(scale, least, x + i);
+  for (; i < n; ++i) powersToDecibelsAt<double>(scale, least, x + i);
+}
+
 }  // namespace
 }  // namespace vellum
