@@ -25,6 +25,7 @@ class Workshop {
  public:
   Workshop(const DeliveryOutputs& outputs, const DeliveryGoOn& goOn) : outputs_(outputs), goOn_(goOn) {
     for (const DeliveryItem& item : outputs.items) inputs_.push_back(item.input);
+    inputs_.insert(inputs_.end(), outputs.furtherInputs.begin(), outputs.furtherInputs.end());
   }
 
   // Measures the inputs and settles the formats. False: interrupted.
@@ -210,7 +211,7 @@ class Workshop {
 
   const DeliveryOutputs& outputs_;
   const DeliveryGoOn& goOn_;
-  std::vector<fs::path> inputs_;
+  std::vector<fs::path> inputs_;  // the items', then those that are only not to be replaced
   std::vector<Job> jobs_;
   int round_ = 0;
 };

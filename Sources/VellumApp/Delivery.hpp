@@ -42,6 +42,7 @@ struct DeliveryOutputs {
   bool isDryRun;  // renders and measures, but writes nothing
   // Instead of the files' own; one label per channel.
   std::optional<std::vector<AudioChannelLabel>> channelLabels;
+  std::vector<std::filesystem::path> furtherInputs = {};  // documents, which no output may replace either
 };
 
 struct DeliveredFile {

@@ -93,4 +93,12 @@ GeneratorSpec generatorSpecOf(std::string_view text, const std::filesystem::path
   return spec;
 }
 
+RoutesDocument readRoutesDocument(const std::filesystem::path& path) {
+  return readRecord(path, parseRoutesDocument);
+}
+
+RoutesDocument routesDocumentOf(std::string_view text, const std::filesystem::path& name) {
+  return recordOf(text, name, parseRoutesDocument);
+}
+
 }  // namespace vellum

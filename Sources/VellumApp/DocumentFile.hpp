@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "VellumApp/FileError.hpp"
+#include "VellumApp/RoutesDocument.hpp"
 #include "VellumCore/ChapterReport.hpp"
 #include "VellumCore/GeneratorSpec.hpp"
 #include "VellumCore/LoudnessTargetSelection.hpp"
@@ -37,5 +38,9 @@ std::string chapterReportText(const ChapterReport& report);
 GeneratorSpec readGeneratorSpec(const std::filesystem::path& path);
 // The same of a document that is no file. Throws FaultyDocument, which begins with the name.
 GeneratorSpec generatorSpecOf(std::string_view text, const std::filesystem::path& name);
+
+// The same of routes between channels.
+RoutesDocument readRoutesDocument(const std::filesystem::path& path);
+RoutesDocument routesDocumentOf(std::string_view text, const std::filesystem::path& name);
 
 }  // namespace vellum

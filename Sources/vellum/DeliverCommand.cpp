@@ -47,6 +47,7 @@ DeliverySettings settingsOf(const Arguments& arguments) {
   const double maxReductionDB = numberArgument("--max-reduction", arguments.maxReduction, 0, 60, "dB");
   DeliveryOutputs outputs = outputsOf(arguments.render, itemsOf(arguments));
   outputs.isDryRun = arguments.dryRun;
+  if (!arguments.target.selection.empty()) outputs.furtherInputs = {arguments.target.selection};
   return {chooseTarget(arguments.target), maxReductionDB, std::move(outputs)};
 }
 

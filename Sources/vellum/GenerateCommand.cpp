@@ -3,17 +3,14 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "VellumApp/Descriptor.hpp"
@@ -26,6 +23,7 @@
 #include "vellum/Console.hpp"
 #include "vellum/Interrupt.hpp"
 #include "vellum/Options.hpp"
+#include "vellum/Presets.hpp"
 #include "vellum/Progress.hpp"
 #include "vellum/RenderOptions.hpp"
 
@@ -39,35 +37,6 @@ struct Arguments {
   std::string preset, harmonicCap, dither = "none";
   bool list = false, print = false, validate = false, force = false;
 };
-
-// --- Presets ---------------------------------------------------------------------------------------------
-
-std::string descriptionOf(const EmbeddedDocument& preset) {
-  const Json::Value document = Json::parse(preset.text);
-  const auto* object = std::get_if<Json::Object>(&document.content());
-  const Json::Value* description = object ? object->find("description") : nullptr;
-  const auto* text = description ? std::get_if<std::string>(&description->content()) : nullptr;
-  return text ? *text : "";
-}
-
-std::string presetsText() {
-  const std::span<const EmbeddedDocument> presets = generatorPresetDocuments();
-  std::size_t width = 0;
-  for (const EmbeddedDocument& preset : presets) width = std::max(width, preset.name.size());
-  std::string text;
-  for (const EmbeddedDocument& preset : presets)
-    text += fmt::format("{:<{}}  {}\n", preset.name, width, descriptionOf(preset));
-  return text;
-}
-
-const EmbeddedDocument& presetArgument(std::string_view name) {
-  std::vector<std::string_view> names;
-  for (const EmbeddedDocument& preset : generatorPresetDocuments()) {
-    if (preset.name == name) return preset;
-    names.push_back(preset.name);
-  }
-  refuse("--preset", fmt::format("'{}' is none of {}", name, fmt::join(names, ", ")));
-}
 
 // --- The document ----------------------------------------------------------------------------------------
 
@@ -108,7 +77,7 @@ std::optional<Job> jobOf(const Arguments& arguments) {
   if (arguments.files.size() > outputAt) job.output = arguments.files[outputAt];
   if (job.output == "-") refuse("OUT", "a file appears whole or not at all, which standard output cannot");
   if (hasPreset) {
-    const EmbeddedDocument& preset = presetArgument(arguments.preset);
+    const EmbeddedDocument& preset = presetArgument(generatorPresetDocuments(), arguments.preset);
     job.name = preset.name;
     job.spec = generatorSpecOf(preset.text, job.name);
   } else if (arguments.files.front() == "-") {
@@ -161,7 +130,8 @@ ExitCode generate(const Arguments& arguments) {
     if (arguments.list && !arguments.preset.empty()) refuse("--list", "does not go together with --preset");
     if (!arguments.files.empty() || arguments.validate) refuse(option, "prints, and renders nothing");
     if (arguments.print && arguments.preset.empty()) refuse("--print", "needs --preset");
-    Console::writeOutput(arguments.list ? presetsText() : presetArgument(arguments.preset).text);
+    Console::writeOutput(arguments.list ? presetsText(generatorPresetDocuments())
+                                        : presetArgument(generatorPresetDocuments(), arguments.preset).text);
     return ExitCode::done;
   }
   SignalFile::Settings settings{.output = {}, .harmonicCap = {}, .dither = ditherArgument(arguments.dither)};

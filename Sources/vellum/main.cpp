@@ -12,6 +12,7 @@
 
 #include "VellumApp/DocumentFile.hpp"
 #include "VellumApp/FileError.hpp"
+#include "vellum/BakeCommand.hpp"
 #include "vellum/ChaptersCommand.hpp"
 #include "vellum/CheckCommand.hpp"
 #include "vellum/Console.hpp"
@@ -73,6 +74,7 @@ ExitCode run(int argc, char** argv) {
   addChaptersCommand(app, exitCode);
   addSelfcheckCommand(app, exitCode);
   addGenerateCommand(app, exitCode);
+  addBakeCommand(app, exitCode);
 
   try {
     app.parse(argumentsOf(argc, argv));

@@ -348,6 +348,17 @@ TEST(DeliverCommand, AShortTermCriterionPullsTheGainBelowTheReference) {
   EXPECT_EQ(folder.names(), (Arguments{"mine.json", "out.wav"}));
 }
 
+TEST(DeliverCommand, TheSelectionIsNeverReplacedByTheOutput) {
+  const TemporaryFolder folder;
+  writeSelection(folder / "mine.wav", -23, 1, {});
+  const std::string before = test::readBytes(folder / "mine.wav");
+  const auto run = runVellum({"deliver", music("ambi_lunar_land"), folder / "mine.wav", "--target",
+                              "custom.mine", "--selection", folder / "mine.wav", "--force"});
+  EXPECT_EQ(run.exitCode, 3);
+  EXPECT_TRUE(contains(run.err, "it is one of the files that are read"));
+  EXPECT_EQ(test::readBytes(folder / "mine.wav"), before);
+}
+
 TEST(DeliverCommand, AFaultySelectionIsNamedBeforeAnythingIsMeasured) {
   const TemporaryFolder folder;
   test::writeBytes(folder / "bad.json", R"({"mode": "broadcast", "selectedTargetIDsByMode": 3})");
