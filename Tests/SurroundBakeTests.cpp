@@ -213,7 +213,13 @@ TEST(SurroundBake, TheFirstSourceTellsTheLength) {
   const Channels out = render(source, Routes{{{1, 1.0f, false}}}, 48000);
   EXPECT_EQ(out[0], std::vector<float>(source[1].begin(), source[1].begin() + 200));
   source[1].resize(199);
-  EXPECT_DEATH(render(source, Routes{{}}, 48000), "SurroundBake: no source may be shorter than the first");
+  for (const bool quadrature : {false, true}) {
+    EXPECT_DEATH(render(source, Routes{{{1, 1.0f, quadrature}}}, 48000),
+                 "SurroundBake: no source of a route may be shorter than the first");
+    // A short one that goes nowhere is not read.
+    EXPECT_EQ(render(source, Routes{{{0, 1.0f, quadrature}}}, 48000)[0].size(), 200u);
+  }
+  EXPECT_TRUE(render(source, Routes{}, 48000).empty());
 }
 
 TEST(SurroundBake, TheSampleRateHasNoMeaning) {

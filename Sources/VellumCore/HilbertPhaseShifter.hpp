@@ -21,9 +21,8 @@ class HilbertPhaseShifter {
   // Does nothing for a count below 1 or above maxFrames().
   //   input       count samples
   //   reference   count samples: the input groupDelay() samples late. May be the input's own array
-  //   quadrature  count samples: the same 90 degrees ahead, so that a sine becomes a cosine; the negated
-  //   Hilbert
-  //               transform. Null where it is not wanted
+  //   quadrature  count samples: the same 90 degrees ahead, so that a sine becomes a cosine: the negated
+  //               Hilbert transform. Null where it is not wanted
   // In 32 bit; of 101 taps within 1e-6 of the exact sum, relative to the largest sample. Cost: taps / 4
   // products a sample.
   void process(const float* input, std::int64_t count, float* reference, float* quadrature);

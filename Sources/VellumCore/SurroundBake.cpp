@@ -20,36 +20,39 @@ std::vector<std::vector<float>> render(std::span<const std::vector<float>> sourc
   const std::size_t frames = source.empty() ? 0 : source.front().size();
   std::vector<std::vector<float>> outputs(outputRoutes.size(), std::vector<float>(frames));
   if (frames == 0) return outputs;
+  Stream stream(static_cast<std::int64_t>(source.size()), outputRoutes);
   std::vector<const float*> from;
-  for (const std::vector<float>& channel : source) {
-    VELLUM_REQUIRE(channel.size() >= frames, "SurroundBake: no source may be shorter than the first");
-    from.push_back(channel.data());
+  for (std::size_t s = 0; s < source.size(); ++s) {
+    VELLUM_REQUIRE(source[s].size() >= frames || !stream.isRouted(static_cast<std::int64_t>(s)),
+                   "SurroundBake: no source of a route may be shorter than the first");
+    from.push_back(source[s].data());
   }
   std::vector<float*> to;
   for (std::vector<float>& channel : outputs) to.push_back(channel.data());
-  Stream(static_cast<std::int64_t>(source.size()), outputRoutes)
-      .process(from, static_cast<std::int64_t>(frames), to);
+  stream.process(from, static_cast<std::int64_t>(frames), to);
   return outputs;
 }
 
 Stream::Stream(std::int64_t sourceCount, std::span<const std::vector<Route>> outputRoutes)
     : sourceCount_(std::max<std::int64_t>(sourceCount, 0)), isDelayed_(false) {
-  std::vector<bool> isShifted(static_cast<std::size_t>(sourceCount_));
+  isRouted_.resize(static_cast<std::size_t>(sourceCount_));
+  std::vector<bool> isShifted(isRouted_.size());
   for (const std::vector<Route>& routes : outputRoutes) {
     std::vector<Route>& kept = outputRoutes_.emplace_back();
     for (const Route& route : routes) {
       isDelayed_ = isDelayed_ || route.useQuadrature;
       if (route.source < 0 || route.source >= sourceCount_) continue;
       kept.push_back(route);
+      isRouted_[static_cast<std::size_t>(route.source)] = true;
       if (route.useQuadrature) isShifted[static_cast<std::size_t>(route.source)] = true;
     }
   }
   if (!isDelayed_) return;
   feeds_.reserve(isShifted.size());
-  for (const bool needsQuadrature : isShifted)
+  for (std::size_t s = 0; s < isShifted.size(); ++s)
     feeds_.push_back({.shifter = HilbertPhaseShifter(taps, blockFrames),
-                      .reference = std::vector<float>(blockFrames),
-                      .quadrature = std::vector<float>(needsQuadrature ? blockFrames : 0)});
+                      .reference = std::vector<float>(isRouted_[s] ? blockFrames : 0),
+                      .quadrature = std::vector<float>(isShifted[s] ? blockFrames : 0)});
 }
 
 void Stream::process(std::span<const float* const> source, std::int64_t frameCount,
@@ -73,6 +76,7 @@ void Stream::process(std::span<const float* const> source, std::int64_t frameCou
 void Stream::shiftBlock(std::span<const float* const> source, std::int64_t offset, std::int64_t n) {
   for (std::size_t s = 0; s < feeds_.size(); ++s) {
     Feed& feed = feeds_[s];
+    if (!isRouted_[s]) continue;
     feed.shifter.process(source[s] + offset, n, feed.reference.data(),
                          feed.quadrature.empty() ? nullptr : feed.quadrature.data());
   }

@@ -22,8 +22,8 @@ struct Route {
 constexpr std::int64_t quadratureDelayFrames = 50;
 
 // One output per list of routes, in order, each the sum of its feeds in the routes' order, in 32 bit. As long
-// as the first source; the others have to be at least as long. A late render begins with silence and lacks
-// the sources' last quadratureDelayFrames. `sampleRate` is not used.
+// as the first source; the others that are routed have to be at least as long. A late render begins with
+// silence and lacks the sources' last quadratureDelayFrames. `sampleRate` is not used.
 std::vector<std::vector<float>> render(std::span<const std::vector<float>> source,
                                        std::span<const std::vector<Route>> outputRoutes, double sampleRate);
 
@@ -36,6 +36,9 @@ class Stream {
 
   // 0, or quadratureDelayFrames. What the last frames lack comes with as many frames of silence behind them.
   std::int64_t delayFrames() const { return isDelayed_ ? quadratureDelayFrames : 0; }
+
+  // Whether any output takes the source. Others are not read.
+  bool isRouted(std::int64_t source) const { return isRouted_[static_cast<std::size_t>(source)]; }
 
   // The next frames: one pointer per source, and one per output to as many frames, which are written. No
   // output may be a source's array.
@@ -54,6 +57,7 @@ class Stream {
 
   std::int64_t sourceCount_;
   std::vector<std::vector<Route>> outputRoutes_;  // without those whose source does not exist
+  std::vector<bool> isRouted_;                    // one per source
   bool isDelayed_;
   std::vector<Feed> feeds_;  // one per source; none where nothing is delayed
 };

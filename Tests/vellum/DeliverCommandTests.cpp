@@ -350,7 +350,7 @@ TEST(DeliverCommand, AShortTermCriterionPullsTheGainBelowTheReference) {
 
 TEST(DeliverCommand, TheSelectionIsNeverReplacedByTheOutput) {
   const TemporaryFolder folder;
-  writeSelection(folder / "mine.wav", -23, 1, {});
+  writeSelection(folder / "mine.wav", -23, 1, ordered_json::array());
   const std::string before = test::readBytes(folder / "mine.wav");
   const auto run = runVellum({"deliver", music("ambi_lunar_land"), folder / "mine.wav", "--target",
                               "custom.mine", "--selection", folder / "mine.wav", "--force"});
