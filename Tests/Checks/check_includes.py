@@ -28,6 +28,7 @@ SIGNAL_COMPONENTS = {
     "SignalGenerator",
     "SignalSources",
     "SignalStream",
+    "SpectralEditKernel",
     "SpeechVAD",
     "SumOfSquares",
     "SurroundBake",

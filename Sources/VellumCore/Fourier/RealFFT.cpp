@@ -1,10 +1,10 @@
 #include "VellumCore/Fourier/RealFFT.hpp"
 
-#include <bit>
 #include <vector>
 
 #include <kissfft/kiss_fftr.h>
 
+#include "VellumCore/Support/PowerOfTwo.hpp"
 #include "VellumCore/Support/Require.hpp"
 
 namespace vellum {
@@ -35,9 +35,8 @@ struct RealFFT::Plan {
 };
 
 RealFFT::RealFFT(std::int64_t size) : size_(size) {
-  VELLUM_REQUIRE(
-      size >= 1 && size <= (std::int64_t{1} << 30) && std::has_single_bit(static_cast<std::uint64_t>(size)),
-      "RealFFT: size must be a power of two from 1 to 2^30");
+  VELLUM_REQUIRE(isPowerOfTwo(size) && size <= (std::int64_t{1} << 30),
+                 "RealFFT: size must be a power of two from 1 to 2^30");
   if (size > 2) plan_ = std::make_unique<Plan>(size);
 }
 
