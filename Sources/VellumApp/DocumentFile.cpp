@@ -101,4 +101,8 @@ RoutesDocument routesDocumentOf(std::string_view text, const std::filesystem::pa
   return recordOf(text, name, parseRoutesDocument);
 }
 
+EditScript readEditScript(const std::filesystem::path& path) {
+  return readRecord(path, parseEditScript);
+}
+
 }  // namespace vellum

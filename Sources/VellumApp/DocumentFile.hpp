@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "VellumApp/EditScript.hpp"
 #include "VellumApp/FileError.hpp"
 #include "VellumApp/RoutesDocument.hpp"
 #include "VellumCore/ChapterReport.hpp"
@@ -42,5 +43,8 @@ GeneratorSpec generatorSpecOf(std::string_view text, const std::filesystem::path
 // The same of routes between channels.
 RoutesDocument readRoutesDocument(const std::filesystem::path& path);
 RoutesDocument routesDocumentOf(std::string_view text, const std::filesystem::path& name);
+
+// The same of spectral edits.
+EditScript readEditScript(const std::filesystem::path& path);
 
 }  // namespace vellum

@@ -17,6 +17,7 @@
 #include "vellum/CheckCommand.hpp"
 #include "vellum/Console.hpp"
 #include "vellum/DeliverCommand.hpp"
+#include "vellum/EditCommand.hpp"
 #include "vellum/ExitCode.hpp"
 #include "vellum/GenerateCommand.hpp"
 #include "vellum/Interrupt.hpp"
@@ -72,6 +73,7 @@ ExitCode run(int argc, char** argv) {
   addDeliverCommand(app, exitCode);
   addLimitCommand(app, exitCode);
   addChaptersCommand(app, exitCode);
+  addEditCommand(app, exitCode);
   addSelfcheckCommand(app, exitCode);
   addGenerateCommand(app, exitCode);
   addBakeCommand(app, exitCode);
