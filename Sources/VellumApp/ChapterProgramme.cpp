@@ -6,12 +6,11 @@
 #include <string_view>
 #include <unordered_set>
 #include <utility>
-#include <variant>
 
 #include "VellumApp/AudioFile.hpp"
+#include "VellumApp/DocumentText.hpp"
 #include "VellumApp/PlanarBuffer.hpp"
 #include "VellumCore/ChapterDetection.hpp"
-#include "VellumCore/Json/Document.hpp"
 
 namespace vellum {
 namespace {
@@ -42,12 +41,6 @@ class MonoMix {
   std::vector<std::size_t> channels_;
   std::vector<float> mix_;
 };
-
-// The text as a document gives it back: what is no UTF-8 is replaced.
-std::string asInDocument(const std::string& text) {
-  const Json::Value value = Json::parse(Json::compactText(text));
-  return std::get<std::string>(value.content());
-}
 
 }  // namespace
 

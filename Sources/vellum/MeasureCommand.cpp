@@ -16,6 +16,7 @@
 #include "vellum/MeasureReport.hpp"
 #include "vellum/Numbers.hpp"
 #include "vellum/Options.hpp"
+#include "vellum/SectionOptions.hpp"
 
 namespace vellum {
 namespace {
@@ -34,11 +35,6 @@ struct Plan {
   bool withHistory;
   MeasureSettings settings;
 };
-
-double timeArgument(std::string_view option, const std::string& text) {
-  if (const auto seconds = parseTime(text)) return *seconds;
-  refuse(option, fmt::format("'{}' is not a time; write seconds or h:mm:ss, not negative", text));
-}
 
 std::vector<float> weightsArgument(const std::string& text) {
   std::vector<float> weights;
@@ -61,10 +57,9 @@ Plan makePlan(const Arguments& arguments) {
   Plan plan{};
   plan.form = arguments.json ? Form::json : arguments.csv ? Form::csv : Form::text;
   plan.withHistory = arguments.history;
-  if (!arguments.from.empty()) plan.settings.fromSec = timeArgument("--from", arguments.from);
-  if (!arguments.to.empty()) plan.settings.toSec = timeArgument("--to", arguments.to);
-  if (plan.settings.toSec && *plan.settings.toSec <= plan.settings.fromSec.value_or(0))
-    refuse("--to", "has to be later than the section's start");
+  const SectionTimes times = sectionTimesArgument(arguments.from, arguments.to);
+  plan.settings.fromSec = times.fromSec;
+  plan.settings.toSec = times.toSec;
   if (!arguments.layout.empty()) plan.settings.channelLabels = layoutArgument(arguments.layout);
   if (!arguments.weights.empty()) plan.settings.channelWeights = weightsArgument(arguments.weights);
   plan.settings.dualMono = arguments.dualMono;

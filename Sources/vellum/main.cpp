@@ -25,6 +25,8 @@
 #include "vellum/MeasureCommand.hpp"
 #include "vellum/PlanCommand.hpp"
 #include "vellum/SelfcheckCommand.hpp"
+#include "vellum/SpectrogramCommand.hpp"
+#include "vellum/SpectrumCommand.hpp"
 #include "vellum/TargetsCommand.hpp"
 
 namespace vellum {
@@ -77,6 +79,8 @@ ExitCode run(int argc, char** argv) {
   addSelfcheckCommand(app, exitCode);
   addGenerateCommand(app, exitCode);
   addBakeCommand(app, exitCode);
+  addSpectrumCommand(app, exitCode);
+  addSpectrogramCommand(app, exitCode);
 
   try {
     app.parse(argumentsOf(argc, argv));

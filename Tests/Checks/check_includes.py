@@ -40,6 +40,7 @@ SIGNAL_COMPONENTS = {
 #   component record     public headers of all components; of those without signal
 #   std fmt ...          headers that are not ours, by the lists below
 APP = "std threads system Support component Json VellumApp fmt"
+COMMAND = "std threads system component Json/Document.hpp VellumApp command fmt CLI11"
 LAYERS = [
     ("Support", ["VellumCore/Support/*"], "std Support fmt"),
     ("Kernels .cpp", ["VellumCore/Kernels/*.cpp"], "std Support Kernels intrinsics"),
@@ -57,7 +58,8 @@ LAYERS = [
     ("component header", ["VellumCore/*.hpp"], "std Support component"),
     ("audio file .cpp", ["VellumApp/AudioFile.cpp", "VellumApp/FLACEncoder.cpp"], APP + " sndfile"),
     ("VellumApp", ["VellumApp/*"], APP),
-    ("command", ["vellum/*"], "std threads system component Json/Document.hpp VellumApp command fmt CLI11"),
+    ("drawing .cpp", ["vellum/Drawing.cpp"], COMMAND + " cairo"),
+    ("command", ["vellum/*"], COMMAND),
 ]
 
 # What an application includes of VellumCore has to stay free of libraries, through Support too.
@@ -85,9 +87,10 @@ HEADERS = {
     "kissfft": ["kissfft/*", "kiss_fft*"],
     "sndfile": ["sndfile.h", "sndfile.hh"],
     "CLI11": ["CLI/*"],
+    "cairo": ["cairo*.h", "cairo/*"],
     "intrinsics": "*mmintrin.h x86intrin.h cpuid.h arm_neon.h wasm_simd128.h".split(),
 }
-THIRD_PARTY = {"fmt", "nlohmann", "kissfft", "sndfile", "CLI11"}
+THIRD_PARTY = {"fmt", "nlohmann", "kissfft", "sndfile", "CLI11", "cairo"}
 
 SOURCE_SUFFIXES = {".h", ".hh", ".hpp", ".hxx", ".inl", ".ipp", ".tpp", ".c", ".cc", ".cpp", ".cxx"}
 INCLUDE = re.compile(r'^\s*#\s*include\b\s*(?:<([^>]+)>|"([^"]+)")?')
