@@ -13,10 +13,10 @@
 
 #include "VellumApp/AudioFile.hpp"
 #include "VellumApp/AudioFileWriter.hpp"
+#include "VellumApp/ChannelLayouts.hpp"
 #include "VellumApp/OutputFile.hpp"
 #include "VellumApp/OutputFormat.hpp"
 #include "VellumApp/PlanarBuffer.hpp"
-#include "VellumApp/RoutesDocument.hpp"
 #include "VellumCore/SpectralEditKernel.hpp"
 #include "VellumCore/SpectralWand.hpp"
 
@@ -463,7 +463,7 @@ class FileEdit {
     if (!labels_.empty() && static_cast<std::int64_t>(labels_.size()) != channelCount_)
       throw FileError(fmt::format("it has {} channel{}, but the layout is for {}", channelCount_,
                                   channelCount_ == 1 ? "" : "s", labels_.size()));
-    if (!labels_.empty()) result_.channelNames = channelNames(labels_, channelCount_);
+    if (!labels_.empty()) result_.channelNames = ChannelLayouts::names(labels_, channelCount_);
     metadata_ = file.metadata();
   }
 

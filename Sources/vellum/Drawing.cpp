@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <vector>
@@ -18,6 +19,7 @@ namespace {
 constexpr double marginLeft = 60, marginRight = 84, marginTop = 34, marginBottom = 46;
 constexpr double barWidth = 14, barGap = 14, tickLength = 5;
 constexpr double fontSize = 12, titleSize = 13;
+constexpr double infinity = std::numeric_limits<double>::infinity();
 
 struct ReleaseSurface {
   void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
@@ -222,19 +224,27 @@ class SpectrogramDrawing {
 
   void drawLabel(const Overlay& overlay) const {
     if (overlay.label.empty()) return;
-    double x = 0, y = 0;
-    if (!overlay.outlines.empty() && !overlay.outlines.front().empty()) {
-      x = xOf(overlay.outlines.front().front().sec);
-      y = yOf(overlay.outlines.front().front().hz);
-    } else if (!overlay.cells.empty()) {
-      x = xOf(overlay.cells.front().fromSec);
-      y = yOf(overlay.cells.front().highHz);
-    } else {
-      return;
+    // What is drawn over the picture.
+    double left = infinity, top = infinity, bottom = -infinity;
+    const auto add = [&](double sec, double hz) {
+      left = std::min(left, xOf(sec));
+      top = std::min(top, yOf(hz));
+      bottom = std::max(bottom, yOf(hz));
+    };
+    for (const auto& outline : overlay.outlines)
+      for (const Point& point : outline) add(point.sec, point.hz);
+    for (const Box& cell : overlay.cells) {
+      add(cell.fromSec, cell.highHz);
+      add(cell.fromSec, cell.lowHz);
     }
-    const double width = canvas_.widthOf(overlay.label, fontSize) + 6, height = fontSize + 4;
-    x = std::clamp(x + 3, marginLeft, std::max(marginLeft, marginLeft + width_ - width));
-    y = std::clamp(y + 3, marginTop, std::max(marginTop, marginTop + height_ - height));
+    if (left == infinity) return;
+    // Above it, so that it stays in sight; where there is no room, below.
+    constexpr double gap = 3, height = fontSize + 4;
+    const double width = canvas_.widthOf(overlay.label, fontSize) + 6;
+    const double above = top - gap - height;
+    const double x = std::clamp(left, marginLeft, std::max(marginLeft, marginLeft + width_ - width));
+    const double y = std::clamp(above >= marginTop ? above : bottom + gap, marginTop,
+                                std::max(marginTop, marginTop + height_ - height));
     cairo_set_source_rgba(canvas_.cairo(), 0, 0, 0, 0.7);
     cairo_rectangle(canvas_.cairo(), x, y, width, height);
     cairo_fill(canvas_.cairo());

@@ -29,7 +29,7 @@ struct Box {
   double fromSec, toSec, lowHz, highHz;
 };
 struct Overlay {
-  std::string label;                         // beside its first point or box; may be empty
+  std::string label;                         // above what it names, or below; may be empty
   std::vector<std::vector<Point>> outlines;  // closed lines
   std::vector<Box> cells;                    // areas, tinted; they may touch and overlap
 };

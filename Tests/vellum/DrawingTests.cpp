@@ -111,12 +111,18 @@ TEST_F(DrawingTest, WhatLiesOutsideIsClipped) {
     for (const int x : {0, 30, 57, 470, 500}) ASSERT_EQ(picture.at(x, y), plain.at(x, y)) << x << ", " << y;
 }
 
-TEST_F(DrawingTest, LabelsStandBesideTheirShapes) {
+TEST_F(DrawingTest, LabelsStandAboveTheirShapesOrBelowWhereThereIsNoRoom) {
   const test::Picture picture =
       drawn({{.label = "1", .outlines = {}, .cells = {{11, 12, 500, 1000}}},
+             {.label = "2", .outlines = {}, .cells = {{12.5, 13, 1800, 2000}}},
              {.label = "nothing to stand beside", .outlines = {}, .cells = {}},
              {.label = "far outside", .outlines = {{{50, 9000}, {60, 9000}, {60, 9999}}}, .cells = {}}});
-  EXPECT_NE(picture.at(60 + 106, 34 + 108), picture.at(60 + 190, 34 + 145));
+  EXPECT_TRUE(isTouched(picture, 106, 90));
+  EXPECT_TRUE(isTouched(picture, 256, 30));
+  EXPECT_FALSE(isTouched(picture, 256, 45));
+  // What is named stays in sight.
+  for (int row = 101; row < 149; ++row)
+    ASSERT_EQ(picture.at(60 + 106, 34 + row), picture.at(60 + 190, 34 + 145)) << row;
   EXPECT_TRUE(isTouched(picture, 390, 8));  // drawn as near as there is room
 }
 
