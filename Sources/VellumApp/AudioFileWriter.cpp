@@ -69,7 +69,6 @@ std::string sizeText(std::int64_t bytes) {
 
 std::optional<std::string> ownReasonAgainst(const AudioFileFormat& format, const AudioShape& shape) {
   constexpr std::int64_t mostChannels = 1024, mostFLACChannels = 8;
-  constexpr std::int64_t mostHeadBytes = 4096;  // without metadata
   const std::string name(nameOf(format.container));
   const bool isFLAC = format.container == Container::flac;
   if (isFLAC && format.coding == SampleCoding::float32) return "FLAC has no floating-point samples";

@@ -28,6 +28,8 @@ struct ContainerLayout {
 
 // The largest size of a whole file whose header has 32-bit sizes.
 constexpr std::int64_t largest32BitFile = std::int64_t{0xFFFFFFFF} + 8;
+// No header without metadata is larger.
+constexpr std::int64_t mostHeadBytes = 4096;
 
 ByteOrder sampleOrder(Container container);
 

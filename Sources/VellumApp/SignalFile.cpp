@@ -8,6 +8,7 @@
 
 #include "VellumApp/AudioFileWriter.hpp"
 #include "VellumApp/ChannelMaps.hpp"
+#include "VellumApp/ContainerLayout.hpp"
 #include "VellumApp/PlanarBuffer.hpp"
 #include "VellumCore/ChannelOrder.hpp"
 #include "VellumCore/SignalStream.hpp"
@@ -88,8 +89,11 @@ bool isFittingName(const fs::path& path, GeneratorContainer container) {
 
 AudioFileFormat formatOf(const GeneratorSpec& spec, const fs::path& path) {
   const Container container = containerOf(spec.container);
-  const bool isRF64 = container == Container::wav && containerOfExtension(path) == Container::rf64;
-  return {isRF64 ? Container::rf64 : container, codingOf(spec.bitDepth)};
+  const SampleCoding coding = codingOf(spec.bitDepth);
+  const std::int64_t bytes = spec.channelCount() * spec.frameCount() * bytesPerSample(coding);
+  const bool isRF64 = container == Container::wav && (containerOfExtension(path) == Container::rf64 ||
+                                                      bytes > largest32BitFile - mostHeadBytes);
+  return {isRF64 ? Container::rf64 : container, coding};
 }
 
 std::optional<Result> write(const GeneratorSpec& spec, const Settings& settings, const GoOn& goOn) {

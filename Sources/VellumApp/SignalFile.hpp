@@ -23,8 +23,8 @@ std::optional<std::string> faultOf(const GeneratorSpec& spec);
 // Whether a file's name fits the container: by its extension, or because it has none.
 bool isFittingName(const std::filesystem::path& path, GeneratorContainer container);
 
-// What is written at the path: the document's container, which for a name that fits and ends in .rf64 is RF64
-// at every size.
+// What is written at the path, of a specification without a fault: the document's container; instead of WAV
+// RF64 where WAV would end, and for a name that ends in .rf64 at every size.
 AudioFileFormat formatOf(const GeneratorSpec& spec, const std::filesystem::path& path);
 
 struct Settings {

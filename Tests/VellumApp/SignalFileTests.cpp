@@ -263,6 +263,23 @@ GeneratorSpec huge() {
   return spec;
 }
 
+// At 4 GiB less a header: 477.2 million frames of three channels with 24 bit.
+TEST(SignalFile, WAVBecomesRF64WhereItWouldEnd) {
+  GeneratorSpec spec = huge();
+  spec.channels.resize(3);
+  spec.bitDepth = GeneratorBitDepth::int24;
+  spec.sampleRate = 48000;
+  const auto containerOf = [&](double frames, const char* name) {
+    spec.duration = frames / 48000;
+    return SignalFile::formatOf(spec, name).container;
+  };
+  EXPECT_EQ(containerOf(477'000'000, "x.wav"), Container::wav);
+  EXPECT_EQ(containerOf(478'000'000, "x.wav"), Container::rf64);
+  EXPECT_EQ(containerOf(100, "x.rf64"), Container::rf64);
+  spec.container = GeneratorContainer::caf;
+  EXPECT_EQ(containerOf(478'000'000, "x.caf"), Container::caf);
+}
+
 TEST(SignalFile, WhatCannotBecomeAFileIsTold) {
   const TemporaryFolder folder;
   std::vector<std::pair<GeneratorSpec, std::string>> faults;

@@ -317,7 +317,7 @@ TEST_F(GenerateCommand, WhatDoesNotFitOnTheDiskIsRefusedBeforeAByteIsWritten) {
   EXPECT_EQ(folder_.names(), (Arguments{"spec.json"}));
   // A document of such a size can be checked all the same.
   EXPECT_EQ(generate({spec, "--validate"}).out,
-            spec + ": WAV 32-bit float, 1000000 Hz, 128 channels, 35:47.0 (2147000000 frames)\n");
+            spec + ": RF64 32-bit float, 1000000 Hz, 128 channels, 35:47.0 (2147000000 frames)\n");
 }
 
 // Noise is measured for several seconds before it is rendered, a sine is rendered at once.
