@@ -218,6 +218,7 @@ class SpectrogramDrawing {
     line = clippedAt(line, [&](const Pixel& p) { return p.y - top; });
     line = clippedAt(line, [&](const Pixel& p) { return bottom - p.y; });
     if (line.empty()) return;
+    cairo_new_sub_path(canvas_.cairo());  // or the line before, or a text, would be joined to it
     for (const Pixel& pixel : line) cairo_line_to(canvas_.cairo(), pixel.x, pixel.y);
     cairo_close_path(canvas_.cairo());
   }
@@ -271,9 +272,10 @@ class SpectrogramDrawing {
                  Align::centre);
 
     const double left = marginLeft - 1;
-    for (const double hz : minorFrequencies(image_.axis)) canvas_.line(left, yOf(hz), left - 3, yOf(hz));
+    const auto rowOf = [&](double hz) { return std::min(yOf(hz), bottom - 1); };
+    for (const double hz : minorFrequencies(image_.axis)) canvas_.line(left, rowOf(hz), left - 3, rowOf(hz));
     for (const Tick& tick : frequencyTicks(image_.axis, std::max(2.0, height_ / 36))) {
-      const double y = std::min(yOf(tick.value), bottom - 1);
+      const double y = rowOf(tick.value);
       canvas_.line(left, y, left - tickLength, y);
       canvas_.text(left - tickLength - 3, y, tick.label, Align::right);
     }

@@ -2,12 +2,14 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -64,7 +66,17 @@ Drawing::PictureSize sizeArgument(const std::string& text) {
   return size;
 }
 
+// Whatever the case.
+bool endsInPNG(const std::filesystem::path& path) {
+  const std::string extension = path.extension().string();
+  constexpr std::string_view expected = ".png";
+  return std::equal(extension.begin(), extension.end(), expected.begin(), expected.end(),
+                    [](char a, char b) { return a == b || (a >= 'A' && a <= 'Z' && a - 'A' + 'a' == b); });
+}
+
 Plan planOf(const Arguments& arguments) {
+  if (!endsInPNG(arguments.picture))
+    refuse("OUT", fmt::format("'{}' does not end in .png, and the picture is a PNG", arguments.picture));
   const SectionTimes times = sectionTimesArgument(arguments.section.from, arguments.section.to);
   const auto scale = fromRawValue<FrequencyScale>(arguments.scale);
   if (!scale) refuse("--scale", fmt::format("'{}' is neither log nor linear", arguments.scale));
@@ -167,7 +179,9 @@ void addSpectrogramCommand(CLI::App& app, ExitCode& exitCode) {
   const auto arguments = std::make_shared<Arguments>();
   CLI::App& verb = *app.add_subcommand("spectrogram", "Draw an audio file's levels over time and frequency");
   verb.add_option("FILE", arguments->file, "The audio file")->required()->type_name("");
-  verb.add_option("OUT", arguments->picture, "The PNG picture to write")->required()->type_name("");
+  verb.add_option("OUT", arguments->picture, "The PNG picture to write, by a name that ends in .png")
+      ->required()
+      ->type_name("");
   const auto add = [&](const char* name, std::string& value, const char* type, const char* description) {
     addTextOption(verb, name, value, type, description).capture_default_str();
   };

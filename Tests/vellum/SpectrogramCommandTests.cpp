@@ -189,6 +189,28 @@ TEST(SpectrogramCommand, RefusesWrongArguments) {
   EXPECT_EQ(folder.names(), std::vector<std::string>{"tone.wav"});
 }
 
+// Before anything is read: not even the input has to be there.
+TEST(SpectrogramCommand, RefusesNamesThatAreNotAPNG) {
+  const TemporaryFolder folder;
+  test::writeAudio(folder / "tone.wav", Audio(1, 4800), 48000, test::floatWAV);
+  for (const std::string name : {"a.jpg", "a", "png", ".png", "a.png.svg", "a.pngx", "a.pn", "a.png/"}) {
+    const std::string out = folder / name;
+    for (const std::string input : {"tone.wav", "none.wav"}) {
+      const CommandResult result = runVellum({"spectrogram", folder / input, out, "--force"});
+      EXPECT_EQ(result.exitCode, 2) << name;
+      EXPECT_TRUE(test::startsWith(
+          result.err, "vellum: OUT: '" + out + "' does not end in .png, and the picture is a PNG\n"));
+      EXPECT_EQ(result.out, "");
+    }
+  }
+  EXPECT_EQ(runVellum({"spectrogram", folder / "tone.wav", ""}).exitCode, 2);
+  EXPECT_EQ(folder.names(), std::vector<std::string>{"tone.wav"});
+  for (const std::string name : {"a.PNG", "b.c.Png"}) {
+    draw({folder / "tone.wav", folder / name});
+    EXPECT_EQ(Picture(folder / name).width(), 1200);
+  }
+}
+
 TEST(SpectrogramCommand, OutputAppearsWholeOrNotAtAll) {
   const TemporaryFolder folder;
   test::writeAudio(folder / "tone.wav", Audio(1, 4800), 48000, test::floatWAV);
@@ -205,9 +227,11 @@ TEST(SpectrogramCommand, OutputAppearsWholeOrNotAtAll) {
   EXPECT_EQ(result.exitCode, 3);
   EXPECT_TRUE(contains(result.err, "--force replaces it"));
   EXPECT_EQ(test::readBytes(folder / "a.png"), before);
-  const std::string audio = test::readBytes(folder / "tone.wav");
-  EXPECT_EQ(runVellum({"spectrogram", folder / "tone.wav", folder / "tone.wav", "--force"}).exitCode, 3);
-  EXPECT_EQ(test::readBytes(folder / "tone.wav"), audio);
+  // Whatever it is called, an input is kept.
+  std::filesystem::rename(folder / "tone.wav", folder / "tone.png");
+  const std::string audio = test::readBytes(folder / "tone.png");
+  EXPECT_EQ(runVellum({"spectrogram", folder / "tone.png", folder / "tone.png", "--force"}).exitCode, 3);
+  EXPECT_EQ(test::readBytes(folder / "tone.png"), audio);
 }
 
 // 50 minutes against 5: only the picture counts.
