@@ -105,7 +105,7 @@ inline constexpr Range fftSize = {64, 65'536};  // powers of two
 inline constexpr Range crossfadeMs = {0, 10'000};
 inline constexpr Range channel = {0, 1023};
 
-inline constexpr std::int64_t mostSteps = 1000, mostSelections = 1000, mostPoints = 10'000;
+inline constexpr std::int64_t mostSteps = 1000, mostSelections = 1000, mostPoints = 1000;
 
 }  // namespace EditLimits
 

@@ -371,6 +371,7 @@ class FileSource {
     while (file_.read(nowhere, framesPerChunk(file_.channelCount())) > 0)
       if (!goOn(Stage::reading, file_.position(), file_.claimedFrameCount())) return false;
     frameCount_ = file_.position();
+    if (frameCount_ == 0) throw FileError("it holds no audio");
     return true;
   }
 

@@ -59,8 +59,11 @@ ExitCode reportUsage(const CLI::App& app, const CLI::ParseError& error) {
 
 ExitCode run(int argc, char** argv) {
   CLI::App app(
-      "Vellum measures audio (loudness, true peak, range, dialogue, noise floor, dynamics) and says what\n"
-      "streaming services, podcast platforms and broadcasters do to it",
+      "Vellum measures audio (loudness, true peak, range, dialogue, noise floor, dynamics), says what "
+      "streaming\n"
+      "services, podcast platforms and broadcasters do to it, and renders what they take; it edits audio in "
+      "the\n"
+      "spectrogram, renders channels into others, and writes test signals",
       "vellum");
   app.set_version_flag("--version", "vellum " VELLUM_VERSION);
   app.require_subcommand(0, 1);  // a missing one is told here, so that an unknown one is told as itself
