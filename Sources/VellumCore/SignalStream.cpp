@@ -92,13 +92,14 @@ void SignalStream::measureCeiling(std::int64_t n) {
 // n frames from next_ on, at most a block.
 void SignalStream::mixTrack(Track& track, float* mix, std::int64_t n) {
   std::fill_n(mix, n, 0.0f);
-  auto& [voices, byOffset, nextToSound, sounding] = track;
-  for (; nextToSound < byOffset.size() && voices[byOffset[nextToSound]].offset < next_ + n; ++nextToSound) {
-    const std::size_t place = byOffset[nextToSound];
+  auto& sounding = track.sounding;
+  for (std::size_t& next = track.nextToSound; next < track.byOffset.size(); ++next) {
+    const std::size_t place = track.byOffset[next];
+    if (track.voices[place].offset >= next_ + n) break;
     sounding.insert(std::lower_bound(sounding.begin(), sounding.end(), place), place);
   }
   const auto isOver = [&](std::size_t place) {
-    Voice& voice = voices[place];
+    Voice& voice = track.voices[place];
     const std::int64_t begin = std::max(next_, voice.offset), end = voice.offset + voice.signal.frameCount();
     const std::int64_t run = std::min(next_ + n, end) - begin;
     if (run > 0) {
